@@ -1,0 +1,74 @@
+/* liblmx: named local mailboxes between processes, with asynchronous locate and death monitoring.
+ * Broker-less: each mailbox is a SOCK_SEQPACKET Unix socket at $LMX_DIR/NAME (default /run/lmx).
+ * Every message buffer begins with its 32-bit message number. Not thread-safe: one thread per
+ * process uses the service. */
+#ifndef LMX_H
+#define LMX_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef uint32_t lmx_mbox_id_t;
+
+#define LMX_INVALID_ID ((lmx_mbox_id_t)0xffffffffu) /* "not found" / failure */
+#define LMX_LOCATE_DEFAULT_NO 0x1901000u            /* the located mailbox exists */
+#define LMX_MONITOR_DEFAULT_NO 0x1901001u           /* the monitored mailbox is gone */
+#define LMX_ANY_SENDER 0xfff11111u                  /* lmx_receive: from anyone */
+#define LMX_LOCATE_SENDER 0xfff00000u               /* lmx_locate_async: the default answer */
+#define LMX_NAME_MAX 100
+#define LMX_DEFAULT_DIR "/run/lmx"
+
+/* Starts the service for this process; `mailboxes` is how many it will create. 0 on success. */
+int lmx_init(unsigned mailboxes, const void *options);
+/* Releases everything: mailboxes, connections, monitors, queued messages. */
+void lmx_exit(void);
+
+/* Creates a mailbox; LMX_INVALID_ID on failure (bad name, a live mailbox of that name, I/O). */
+lmx_mbox_id_t lmx_create_mailbox(const char *name, uint32_t flags);
+int lmx_delete_mailbox(lmx_mbox_id_t id);
+
+/* Readable exactly while a message or an internal event waits to be taken. */
+int lmx_get_fd(void);
+
+/* Takes the next message addressed to one of this process's mailboxes. `filter` is a list of
+ * message numbers ending in 0, or NULL for all. timeout_ms 0 never blocks; -1 waits for ever.
+ * Returns NULL with errno EAGAIN when nothing waits (ETIMEDOUT after a positive timeout). */
+void *lmx_receive(const uint32_t *filter, int32_t timeout_ms, uint32_t from);
+/* The sender's mailbox id (process-local handle of the sender's name). */
+lmx_mbox_id_t lmx_sender(const void *msg);
+/* The message number (its first 32 bits) and its size in bytes. */
+uint32_t lmx_msgno(const void *msg);
+size_t lmx_size(const void *msg);
+
+/* Sends `msg` from mailbox `from` to mailbox `to` and takes ownership of it in every case.
+ * Never blocks: a busy peer gets the message queued (bounded). 0 on success. */
+int lmx_send(void *msg, lmx_mbox_id_t to, lmx_mbox_id_t from);
+
+/* A zeroed buffer of `size` bytes (at least 4) whose first 32 bits are `msgno`; NULL if too big. */
+void *lmx_alloc(size_t size, uint32_t msgno);
+void lmx_free(void *msg);
+/* The largest message size lmx_alloc accepts. */
+size_t lmx_get_max_size(void);
+
+/* Asks for a LMX_LOCATE_DEFAULT_NO message, whose sender is the mailbox `name`, as soon as that
+ * mailbox exists (at once if it does). 0 on success. */
+int lmx_locate_async(const char *name, const void *data, uint32_t sender);
+/* The id of the live mailbox `name`, or LMX_INVALID_ID. */
+lmx_mbox_id_t lmx_locate(const char *name);
+/* Asks for a LMX_MONITOR_DEFAULT_NO message, whose sender is `id`, when that mailbox dies or is
+ * deleted (at once if it is already gone). Returns a monitor id, 0 on failure. */
+uint32_t lmx_monitor(lmx_mbox_id_t id, const void *data);
+int lmx_unmonitor(uint32_t monitor_id);
+
+/* The name behind a mailbox id of this process, or NULL. */
+const char *lmx_name(lmx_mbox_id_t id);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* LMX_H */

@@ -1,0 +1,37 @@
+// Turns one received ICMPv6 message into router, network and DNS server records, and builds the
+// Router Solicitation. No system calls: bytes in, records out.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "SocketMgr.h"
+#include "SolTypes.h"
+
+namespace solicd {
+
+class PacketParser {
+public:
+    PacketParser() = default;
+    virtual ~PacketParser() = default;
+
+    // Appends at most one router, the accepted prefixes and every RDNSS address. Returns 1 when
+    // the buffer is invalid or the message is not taken for an RA, 0 otherwise.
+    int raParser(std::vector<SolRouter::Config>& routers, std::vector<SolNetwork::Config>& networks,
+                 std::vector<SolDnsServer::Config>& dnsServers, const kt_ip_address_t& source,
+                 const uint8_t* buffer, int32_t length);
+
+    // A zero-filled buffer of `length` bytes, released with free(); null on failure.
+    static uint8_t* allocArray(int32_t length);
+    // Writes the 16-byte Router Solicitation into the message; 0 on success.
+    static uint32_t insertRsMsg(const SocketMgr::IfConfig& config, SocketMgr::Message& message);
+
+    void setVerbose(bool enabled) { m_verbose = enabled; }
+    const SolCounter<sol_packet_counters_t>& getCounters() const { return m_counters; }
+
+private:
+    SolCounter<sol_packet_counters_t> m_counters;
+    bool m_verbose = false;
+};
+
+}  // namespace solicd

@@ -1,0 +1,116 @@
+// The raw ICMPv6 socket of the daemon: namespace, interface, link-local address, RA reception and
+// Router Solicitation.
+#pragma once
+
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "SolTimeout.h"
+#include "SolTypes.h"
+#include "UniqueFd.h"
+
+namespace solicd {
+
+inline constexpr size_t kMessageBufferSize = 1024;
+
+class SocketMgr {
+public:
+    // The buffer that travels between socket, parser and RS builder.
+    class Message {
+    public:
+        // Numeric values are part of the contract.
+        enum State : uint32_t {
+            MSG_STATE_UNSET = 0,
+            MSG_STATE_RX_OK = 1,
+            MSG_STATE_RX_ERROR = 2,
+            MSG_STATE_RX_NULL = 3,
+            MSG_STATE_RX_TRUNCATED = 4,
+            MSG_STATE_RX_WRONG_INTERFACE = 5,
+            MSG_STATE_TX_READY = 6,
+            MSG_STATE_TX_OK = 7,
+            MSG_STATE_TX_TOO_BIG = 8,
+            MSG_STATE_TX_ERROR = 9,
+        };
+
+        Message() = default;
+        virtual ~Message() = default;
+
+        std::vector<uint8_t> m_data;
+        size_t m_length = 0;
+        uint32_t m_state = MSG_STATE_UNSET;
+        kt_ip_address_t m_peer{};
+    };
+
+    // The interface configuration: handed to the RS builder and to rs6Send.
+    struct IfConfig {
+        char name[IFNAMSIZ];
+        int32_t ifindex;
+        struct sockaddr hwaddr;
+        struct sockaddr_in6 lladdr;
+        struct sockaddr_in6 rsaddr;
+    };
+
+    // Drives Router Solicitation: up to three, 4 s apart, until an RA answers.
+    class RsTimeout : public SolTimeout {
+    public:
+        RsTimeout();
+        void cbExpired() override;
+        // Builds and sends one solicitation; true when it was sent.
+        bool dispatchRs();
+
+        uint32_t m_counter = 0;
+        bool m_soliciting = false;
+        bool m_raReceived = false;
+        SocketMgr* m_owner = nullptr;
+    };
+
+    SocketMgr();
+    virtual ~SocketMgr();
+    SocketMgr(const SocketMgr&) = delete;
+    SocketMgr& operator=(const SocketMgr&) = delete;
+
+    virtual uint32_t init(const std::string& ns, const std::string& ifName);
+    virtual uint32_t initLocalIpv6Addr();
+    virtual uint32_t initRsMcastIpv6Addr();
+    virtual uint32_t receive(Message& message);
+    virtual uint32_t transmit(Message& message);
+    virtual uint32_t rs6Send(const IfConfig& config, int socket, Message& message);
+    virtual int getFd() const;
+    virtual const IfConfig& getIfConfig() const;
+
+    bool isInterfaceUp();
+    uint32_t initLocalIpv6AddrFromNetlink();
+
+    void setVerbose(bool enabled) { m_verbose = enabled; }
+    const SolCounter<sol_socket_counters_t>& getCounters() const { return m_counters; }
+    const std::string& getIfName() const { return m_ifName; }
+    const std::string& getNs() const { return m_ns; }
+    RsTimeout& getRsTimeout() { return m_rsTimeout; }
+
+private:
+    RsTimeout m_rsTimeout;
+    std::string m_ns;
+    std::string m_ifName;
+    UniqueFd m_socket;
+    UniqueFd m_nsFd;
+    bool m_verbose = false;
+    IfConfig m_ifConfig{};
+    SolCounter<sol_socket_counters_t> m_counters;
+    UniqueFd m_netlink;
+};
+
+// Text forms used in the socket's trace lines and the interface configuration line.
+std::ostream& printMessageState(std::ostream& os, uint32_t state);  // "{ no: 1, txt: MSG_STATE_RX_OK}"
+std::string messageStateToStr(uint32_t state);
+const char* addressFamilyToCstr(unsigned family);
+std::ostream& printSockaddr(std::ostream& os, const struct sockaddr& address);
+std::ostream& printSockaddrIn6(std::ostream& os, const struct sockaddr_in6& address);
+std::ostream& operator<<(std::ostream& os, const SocketMgr::IfConfig& config);
+
+}  // namespace solicd

@@ -1,0 +1,73 @@
+// The one way every part of solicd emits a trace: test the event's enabled state, then format
+// into the thread's buffer, then hand (location, category, message) to the tracepoint.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "solicd_tp.h"
+
+namespace solicd {
+
+enum class TraceEvent : unsigned { INFO = 0, ERROR = 1, EXCEPTION = 2, LAB = 3 };
+
+inline constexpr size_t kTraceBufferSize = 1024;
+inline constexpr size_t kTraceNameLimit = 256;
+inline constexpr size_t kRestartTextSize = 128;
+
+// The process-wide tag that opens almost every message ("[%s]"); empty until set.
+const char* getTraceTag();
+void setTraceTag(const std::string& text);
+
+// Formats "prefixFmt" with the function name (clamped to 255 bytes), then the message, into the
+// calling thread's 1024-byte buffer. Either step is skipped when its argument is null.
+const char* traceFormat(const char* prefixFmt, const char* function, const char* fmt, ...)
+    __attribute__((format(printf, 3, 4)));
+
+// Asks the platform to restart the process with the formatted reason (cut at 127 characters)
+// and waits to be restarted.
+[[noreturn]] void restartOnFatalError(int line, const char* file, const char* fmt, ...)
+    __attribute__((format(printf, 3, 4)));
+
+namespace trace {
+
+// Test seam: when a capture is installed, the events in its mask count as enabled and every
+// emitted trace is also handed to it.
+using CaptureFn = void (*)(void* context, TraceEvent event, const char* location, const char* category,
+                           const char* message);
+
+inline constexpr unsigned kAllEvents = 0xf;
+inline constexpr unsigned bit(TraceEvent e) { return 1u << static_cast<unsigned>(e); }
+
+extern unsigned g_captureMask;
+void setCapture(CaptureFn fn, void* context, unsigned mask);
+
+void emit(TraceEvent event, const char* location, const char* category, const char* message);
+
+}  // namespace trace
+}  // namespace solicd
+
+#define SOL_TRACE_STR2(x) #x
+#define SOL_TRACE_STR(x) SOL_TRACE_STR2(x)
+#define SOL_TRACE_LOCATION __FILE_NAME__ ":" SOL_TRACE_STR(__LINE__)
+
+#define SOL_TRACE_ENABLED(EV)                                 \
+    (lttng_ust_tracepoint_enabled(com_orvane_kt_solicd, EV) || \
+     (::solicd::trace::g_captureMask & ::solicd::trace::bit(::solicd::TraceEvent::EV)))
+
+// SOL_TRACE(INFO, "GENERAL", "init", "[%s] Solicd initialization started", getTraceTag());
+// Nothing after the category is evaluated while the event is disabled.
+#define SOL_TRACE(EV, CATEGORY, FUNCTION, ...)                                                  \
+    do {                                                                                        \
+        if (SOL_TRACE_ENABLED(EV)) {                                                            \
+            ::solicd::trace::emit(::solicd::TraceEvent::EV, SOL_TRACE_LOCATION, CATEGORY,       \
+                                  ::solicd::traceFormat("%s(): ", FUNCTION, __VA_ARGS__));      \
+        }                                                                                       \
+    } while (0)
+
+// Traces the text at ERROR ("GENERAL") and requests a restart with the same text; never returns.
+#define SOL_FATAL(FUNCTION, ...)                                          \
+    do {                                                                  \
+        SOL_TRACE(ERROR, "GENERAL", FUNCTION, __VA_ARGS__);               \
+        ::solicd::restartOnFatalError(__LINE__, __FILE__, __VA_ARGS__);   \
+    } while (0)

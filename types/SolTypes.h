@@ -1,0 +1,293 @@
+// The records everything learnt from a Router Advertisement travels in, shared by solicd and its
+// clients. The data parts (the sol_*_t structures) are what client messages carry byte for byte.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <ostream>
+#include <sstream>
+#include <string>
+
+// ---- Plain data parts (native endian; fixed sizes, asserted below) ----
+
+struct kt_ip_address_t {
+    uint8_t family;    // 10 (AF_INET6) whenever solicd builds it
+    uint8_t pad[3];    // zero when solicd builds the address
+    uint8_t bytes[16]; // network order
+};
+
+struct sol_router_config_t {
+    kt_ip_address_t address;
+    uint32_t reachableTime;  // ms, as advertised
+    uint32_t retransTimer;   // ms, as advertised
+    uint16_t routerLifetime; // s; 0: not a default router
+    uint16_t pad;
+    uint32_t flags;
+};
+
+struct sol_network_config_t {
+    kt_ip_address_t prefix;  // as received: bits beyond the length are not cleared
+    uint32_t prefixLength;
+    uint32_t validLifetime;     // s
+    uint32_t preferredLifetime; // s
+    uint32_t flags;
+};
+
+struct sol_dns_server_config_t {
+    uint32_t index;  // ordinal among all RDNSS addresses of one RA
+    kt_ip_address_t address;
+    uint32_t lifetime;  // s
+};
+
+#define SOL_STATUS_FIELDS              \
+    uint32_t id;                       \
+    uint32_t state;                    \
+    int64_t createdTime;               \
+    int64_t lastUpdateTime;            \
+    int64_t lastStateChangeTime;       \
+    int64_t lastConfigChangeTime;      \
+    int64_t timeoutStartTime;          \
+    int64_t expiryTime;                \
+    uint64_t updateCount;              \
+    uint64_t configChangeCount;        \
+    uint64_t stateChangeCount;         \
+    uint64_t invalidatedCount;         \
+    uint64_t expiredCount;
+
+struct sol_status_t {
+    SOL_STATUS_FIELDS
+};
+
+struct sol_network_status_t {
+    SOL_STATUS_FIELDS
+    uint64_t deprecatedCount;
+    uint64_t lifetimeResetCount;
+    uint64_t lifetimeIgnoredCount;
+};
+
+#undef SOL_STATUS_FIELDS
+
+struct sol_socket_counters_t {
+    uint64_t rxRa;        // RAs accepted by the socket
+    uint64_t txRs;        // Router Solicitations sent
+    uint64_t txRsFailed;  // Router Solicitations whose send failed
+    uint64_t rxRejected;  // datagrams rejected: truncated or from another interface
+};
+
+struct sol_packet_counters_t {
+    uint64_t raParsed;
+    uint64_t raDropped;
+    uint64_t prefixAccepted;
+    uint64_t prefixIgnored;
+};
+
+static_assert(sizeof(kt_ip_address_t) == 20);
+static_assert(offsetof(kt_ip_address_t, bytes) == 4);
+static_assert(sizeof(sol_router_config_t) == 36);
+static_assert(offsetof(sol_router_config_t, reachableTime) == 20);
+static_assert(offsetof(sol_router_config_t, retransTimer) == 24);
+static_assert(offsetof(sol_router_config_t, routerLifetime) == 28);
+static_assert(offsetof(sol_router_config_t, flags) == 32);
+static_assert(sizeof(sol_network_config_t) == 36);
+static_assert(offsetof(sol_network_config_t, prefixLength) == 20);
+static_assert(offsetof(sol_network_config_t, validLifetime) == 24);
+static_assert(offsetof(sol_network_config_t, preferredLifetime) == 28);
+static_assert(offsetof(sol_network_config_t, flags) == 32);
+static_assert(sizeof(sol_dns_server_config_t) == 28);
+static_assert(offsetof(sol_dns_server_config_t, address) == 4);
+static_assert(offsetof(sol_dns_server_config_t, lifetime) == 24);
+static_assert(sizeof(sol_status_t) == 96);
+static_assert(offsetof(sol_status_t, createdTime) == 8);
+static_assert(offsetof(sol_status_t, updateCount) == 56);
+static_assert(offsetof(sol_status_t, expiredCount) == 88);
+static_assert(sizeof(sol_network_status_t) == 120);
+static_assert(offsetof(sol_network_status_t, deprecatedCount) == 96);
+static_assert(sizeof(sol_socket_counters_t) == 32);
+static_assert(sizeof(sol_packet_counters_t) == 32);
+
+// ---- Address helpers ----
+
+inline constexpr uint8_t KT_AF_INET6 = 10;
+
+std::string kt_ip_address_ntop(const kt_ip_address_t& address);
+std::ostream& operator<<(std::ostream& os, const kt_ip_address_t& address);
+
+template <class T>
+std::string toStr(const T& value)
+{
+    std::ostringstream os;
+    os << value;
+    return os.str();
+}
+
+// ---- State enumerations (values are the contract; they travel in Status::state) ----
+
+enum class sol_router_state_t : uint32_t {
+    STATE_INITIAL = 0,
+    STATE_NEW = 1,
+    STATE_UPDATED = 2,
+    STATE_EXPIRED = 3,
+    STATE_INVALIDATED = 5,
+};
+
+enum class sol_network_state_t : uint32_t {
+    STATE_INITIAL = 0,
+    STATE_NEW = 1,
+    STATE_UPDATED = 2,
+    STATE_EXPIRED = 3,
+    STATE_DEPRECATED = 4,
+    STATE_INVALIDATED = 5,
+};
+
+enum class sol_dns_server_state_t : uint32_t {
+    STATE_INITIAL = 0,
+    STATE_NEW = 1,
+    STATE_UPDATED = 2,
+    STATE_EXPIRED = 3,
+    STATE_INVALIDATED = 4,
+};
+
+// Names such as "STATE_NEW"; a value without a name gives "UNKNOWN".
+const char* toCstr(sol_router_state_t state);
+const char* toCstr(sol_network_state_t state);
+const char* toCstr(sol_dns_server_state_t state);
+std::ostream& operator<<(std::ostream& os, sol_router_state_t state);
+std::ostream& operator<<(std::ostream& os, sol_network_state_t state);
+std::ostream& operator<<(std::ostream& os, sol_dns_server_state_t state);
+
+// ---- Records ----
+
+namespace solicd {
+
+// Flag bits shared by the router and network `flags` fields.
+inline constexpr uint32_t FLAG_MANAGED = 0x2;
+inline constexpr uint32_t FLAG_OTHER = 0x4;
+inline constexpr uint32_t FLAG_ON_LINK = 0x10;
+inline constexpr uint32_t FLAG_AUTONOMOUS = 0x20;
+
+inline constexpr uint32_t kInfiniteLifetime = 0xffffffff;
+
+class SolRouter {
+public:
+    class Config : public sol_router_config_t {
+    public:
+        Config();
+        virtual ~Config() = default;
+        Config(const Config&) = default;
+        Config& operator=(const Config&) = default;
+
+        // "router/fe80::1": one name per router address.
+        std::string getName() const;
+        bool isNotEqual(const Config& other) const;
+        const sol_router_config_t& data() const { return *this; }
+    };
+
+    class Status : public sol_status_t {
+    public:
+        Status();
+        virtual ~Status() = default;
+        Status(const Status&) = default;
+        Status& operator=(const Status&) = default;
+
+        static sol_router_state_t uintToState(unsigned value);
+        const sol_status_t& data() const { return *this; }
+    };
+
+    virtual ~SolRouter() = default;
+
+    Config m_config;
+    Status m_status;
+};
+
+class SolNetwork {
+public:
+    class Config : public sol_network_config_t {
+    public:
+        Config();
+        virtual ~Config() = default;
+        Config(const Config&) = default;
+        Config& operator=(const Config&) = default;
+
+        // "network/2001:db8:1::/64": the prefix masked to its length.
+        std::string getName() const;
+        bool isNotEqual(const Config& other) const;
+        bool isFlagOnLinkSet() const { return (flags & FLAG_ON_LINK) != 0; }
+        bool isValidLifetimeInfinite() const { return validLifetime == kInfiniteLifetime; }
+        bool isPreferredLifetimeInfinite() const { return preferredLifetime == kInfiniteLifetime; }
+        const sol_network_config_t& data() const { return *this; }
+    };
+
+    class Status : public sol_network_status_t {
+    public:
+        Status();
+        virtual ~Status() = default;
+        Status(const Status&) = default;
+        Status& operator=(const Status&) = default;
+
+        static sol_network_state_t uintToState(unsigned value);
+        const sol_network_status_t& data() const { return *this; }
+    };
+
+    virtual ~SolNetwork() = default;
+
+    Config m_config;
+    Status m_status;
+};
+
+class SolDnsServer {
+public:
+    class Config : public sol_dns_server_config_t {
+    public:
+        Config();
+        virtual ~Config() = default;
+        Config(const Config&) = default;
+        Config& operator=(const Config&) = default;
+
+        // "dns/2001:db8::53": one name per server address.
+        std::string getName() const;
+        bool isNotEqual(const Config& other) const;
+        const sol_dns_server_config_t& data() const { return *this; }
+    };
+
+    class Status : public sol_status_t {
+    public:
+        Status();
+        virtual ~Status() = default;
+        Status(const Status&) = default;
+        Status& operator=(const Status&) = default;
+
+        static sol_dns_server_state_t uintToState(unsigned value);
+        const sol_status_t& data() const { return *this; }
+    };
+
+    virtual ~SolDnsServer() = default;
+
+    Config m_config;
+    Status m_status;
+};
+
+std::ostream& operator<<(std::ostream& os, const SolRouter::Config& config);
+std::ostream& operator<<(std::ostream& os, const SolRouter::Status& status);
+std::ostream& operator<<(std::ostream& os, const SolRouter& router);
+std::ostream& operator<<(std::ostream& os, const SolNetwork::Config& config);
+std::ostream& operator<<(std::ostream& os, const SolNetwork::Status& status);
+std::ostream& operator<<(std::ostream& os, const SolNetwork& network);
+std::ostream& operator<<(std::ostream& os, const SolDnsServer::Config& config);
+std::ostream& operator<<(std::ostream& os, const SolDnsServer::Status& status);
+std::ostream& operator<<(std::ostream& os, const SolDnsServer& server);
+
+// ---- Counter sets ----
+
+template <class T>
+class SolCounter {
+public:
+    SolCounter() : m_counters{} {}
+    virtual ~SolCounter() {}
+
+    T m_counters;
+};
+
+std::ostream& operator<<(std::ostream& os, const SolCounter<sol_socket_counters_t>& counters);
+std::ostream& operator<<(std::ostream& os, const SolCounter<sol_packet_counters_t>& counters);
+
+}  // namespace solicd
