@@ -3,7 +3,7 @@ BUILD      ?= build
 JOBS       ?= $(shell nproc)
 BUILD_TYPE ?= RelWithDebInfo
 
-.PHONY: all deps build test clean
+.PHONY: all deps build test bench fuzz clean
 
 all: build
 
@@ -16,6 +16,17 @@ build: deps
 
 test: build
 	@ctest --test-dir $(BUILD) --output-on-failure -j$(JOBS)
+
+# Every benchmark executable in build/bin named bench_*; figures are printed.
+bench: build
+	@for b in $(BUILD)/bin/bench_*; do echo "== $$(basename $$b)"; $$b --benchmark_min_time=0.2; done
+
+# Each fuzz target for FUZZ_SECONDS over its seeds and regression inputs (clang, ASan+UBSan).
+FUZZ_SECONDS ?= 30
+fuzz: deps
+	@CC=clang CXX=clang++ cmake -S . -B build-fuzz -DSOLICD_FUZZ=ON -DSOLICD_TESTS=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	@cmake --build build-fuzz -j$(JOBS)
+	@scripts/run-fuzzers build-fuzz/bin $(FUZZ_SECONDS)
 
 clean:
 	rm -rf build build-*
