@@ -8,6 +8,8 @@
 namespace solicd {
 namespace {
 
+constexpr const char* kGeneratedNamePrefix = "solcid.";
+
 struct GOptionContextFree {
     void operator()(GOptionContext* context) const { g_option_context_free(context); }
 };
@@ -79,6 +81,13 @@ uint32_t ArgParser::init(int argc, char** argv) {
     }
     setData(values);
     return 0;
+}
+
+std::string ArgParser::getOwnMailboxName() const {
+    if (!m_mboxLocal.empty()) {
+        return m_mboxLocal;
+    }
+    return kGeneratedNamePrefix + m_namespace + "-" + m_interface;
 }
 
 void ArgParser::setData(const Values& values) {

@@ -45,6 +45,10 @@ public:
     bool isVerboseEnabled() const { return m_verboseEnabled; }
     const std::string& getDescription() const { return m_description; }
 
+    // The daemon's own mailbox name, which is also its trace tag: --source when given and not
+    // empty, otherwise "solcid." + namespace + "-" + interface.
+    std::string getOwnMailboxName() const;
+
 private:
     std::string m_namespace;
     std::string m_interface;

@@ -213,6 +213,26 @@ TEST_F(ArgParserTest, ProgramNameIsArgvZero) {
     EXPECT_STREQ(g_get_prgname(), "/usr/sbin/solicd-x");
 }
 
+TEST_F(ArgParserTest, TagIsTheSourceMailboxWhenGiven) {
+    ASSERT_EQ(parse({"solicd", "-n", "ns1", "-i", "eth0", "-s", "solicd-mbox.1"}), 0u);
+    EXPECT_EQ(m_parser.getOwnMailboxName(), "solicd-mbox.1");
+}
+
+TEST_F(ArgParserTest, TagIsGeneratedFromNamespaceAndInterfaceWithoutSource) {
+    ASSERT_EQ(parse({"solicd", "-n", "ns1", "-i", "eth0"}), 0u);
+    EXPECT_EQ(m_parser.getOwnMailboxName(), "solcid.ns1-eth0");
+}
+
+TEST_F(ArgParserTest, TagIsGeneratedWhenSourceIsEmpty) {
+    ASSERT_EQ(parse({"solicd", "-n", "ns1", "-i", "eth0", "--source="}), 0u);
+    EXPECT_EQ(m_parser.getOwnMailboxName(), "solcid.ns1-eth0");
+}
+
+TEST_F(ArgParserTest, TagWithEmptyNamespaceKeepsTheDash) {
+    ASSERT_EQ(parse({"solicd", "-i", "eth0"}), 0u);
+    EXPECT_EQ(m_parser.getOwnMailboxName(), "solcid.-eth0");
+}
+
 using ArgParserDeathTest = ArgParserTest;
 
 void printToStderr(const gchar* text) {
