@@ -48,7 +48,7 @@ void checkFdCondition(const char* function, gint fd, GIOCondition condition) {
     }
 }
 
-// GLib's log level bits with the recursion and fatal flags cleared.
+// The two flag bits GLib adds to a level.
 constexpr unsigned kGlibFlagBits = G_LOG_FLAG_RECURSION | G_LOG_FLAG_FATAL;
 
 struct GlibLevel {

@@ -654,6 +654,17 @@ TEST_F(GlibLogTest, EachLevelHasItsEventAndWord) {
                             Trace(TraceEvent::LAB, "GENERAL", tagged("handleGLibEvent", "DEBUG: d: g"))));
 }
 
+TEST_F(GlibLogTest, GlibsOwnCriticalReachesTheHandler) {
+    TraceCapture capture;
+    const guint unknownSource = 4000000;
+    EXPECT_FALSE(g_source_remove(unknownSource));
+    EXPECT_THAT(capture.records(),
+                ElementsAre(Trace(TraceEvent::ERROR, "GENERAL",
+                                  tagged("handleGLibEvent",
+                                         "CRITICAL: GLib: Source ID 4000000 was not found when attempting to "
+                                         "remove it"))));
+}
+
 TEST_F(GlibLogTest, NonFatalErrorLevelIsTracedAtError) {
     TraceCapture capture;
     SolApp::cbGlibEvent("d", G_LOG_LEVEL_ERROR, "e", nullptr);
