@@ -178,8 +178,7 @@ bool findMalformedOption(const uint8_t* buffer, int32_t length, MalformedOption&
 void printHeader(std::ostream& os, const uint8_t* ra) {
     // Raw fields, as they sit in the datagram: operators compare them with a capture.
     const uint8_t flags = ra[kRaFlagsOffset];
-    os << "ICMP6 header"
-       << "\n nd_ra_type: " << unsigned{ra[kIcmpTypeOffset]}
+    os << "ICMP6 header\n nd_ra_type: " << unsigned{ra[kIcmpTypeOffset]}
        << "\n nd_ra_code: " << unsigned{ra[kIcmpCodeOffset]}
        << "\n nd_ra_cksum: " << readRaw<uint16_t>(ra + kIcmpChecksumOffset) << "\nRA:"
        << "\n  nd_ra_router_lifetime: " << readRaw<uint16_t>(ra + kRaRouterLifetimeOffset)
@@ -379,8 +378,7 @@ int PacketParser::raParser(std::vector<SolRouter::Config>& routers, std::vector<
         return 0;
     }
     if (m_verbose) {
-        std::cout << "RA options:"
-                  << "\n";
+        std::cout << "RA options:\n";
     }
     uint32_t dnsOrdinal = 0;
     for (int32_t offset = kRaHeaderSize; offset < length;) {
