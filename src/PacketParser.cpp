@@ -87,7 +87,7 @@ constexpr std::array<const char*, 25> kOptionNames = {
     "UNKNOWN",
     "ND_OPT_ADVINTERVAL",
     "ND_OPT_HOMEAGENT_INFO",
-    "ND_OPT_ROUTE_INFO",  // the name operators know for type 9, kept as it is
+    "ND_OPT_ROUTE_INFO",  // deliberately on type 9; Route Information proper (24) prints UNKNOWN
     "UNKNOWN",
     "UNKNOWN",
     "UNKNOWN",

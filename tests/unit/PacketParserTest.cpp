@@ -218,8 +218,8 @@ TEST_F(PacketParserTest, TwoRdnssOptionsOfTwoAndOneAddressesNumberTheServers012)
 }
 
 TEST_F(PacketParserTest, DnsServerOrdinalRestartsWithEveryMessage) {
-    Parsed first = parse(golden::kTwoRdnssRa);
-    Parsed second = parse(golden::kTwoRdnssRa);
+    parse(golden::kTwoRdnssRa);
+    const Parsed second = parse(golden::kTwoRdnssRa);
     ASSERT_EQ(second.dnsServers.size(), 3u);
     EXPECT_EQ(second.dnsServers[0].index, 0u);
     EXPECT_EQ(second.dnsServers[2].index, 2u);
