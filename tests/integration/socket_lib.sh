@@ -90,7 +90,8 @@ start_driver()
 {
     local name=$1
     shift
-    timeout -k 2 60 "$DRIVER" "$@" >"$WORK/$name.out" 2>&1 &
+    : >"$WORK/$name.out"
+    timeout -k 2 60 "$DRIVER" "$@" >>"$WORK/$name.out" 2>&1 &
     PIDS+=($!)
     LAST_PID=$!
 }

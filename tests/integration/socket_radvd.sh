@@ -22,13 +22,15 @@ interface $IB {
     AdvSendAdvert on;
     MinRtrAdvInterval 200;
     MaxRtrAdvInterval 600;
-    prefix 2001:db8:$((RANDOM % 65536))::/64 {};
+    prefix 2001:db8:$(printf %x $RANDOM)::/64 {};
 };
 EOF
 ip netns exec "$B" radvd -n -C "$WORK/radvd.conf" -p "$WORK/radvd.pid" -m stderr -d 1 >"$WORK/radvd.out" 2>&1 &
-PIDS+=($!)
+radvd_pid=$!
+PIDS+=($radvd_pid)
 # radvd sends its first advertisement when it starts; let it pass before the driver listens.
 sleep 1.5
+kill -0 "$radvd_pid" 2>/dev/null || fail "radvd did not start: $(cat "$WORK/radvd.out")"
 
 start_driver ra --ns "$A" --if "$IA" --seconds 8 --verbose
 wait "$LAST_PID" || fail "driver"

@@ -30,14 +30,30 @@ expect_trace "$WORK/notns.out" ERROR ADDR_IPV6 \
     "init(): [] Unable to set namespace '$notns', function 'setns' failed, error: Invalid argument (22)"
 
 # ---- Empty namespace: no open, no setns; the interface of the namespace we run in is found.
-ip netns exec "$A" strace -f -qq -e trace=open,openat,setns -o "$WORK/strace-emptyns.txt" \
+raw=$WORK/strace-emptyns.txt
+ip netns exec "$A" strace -f -qq -X raw -e trace=open,openat,setns,socket,setsockopt,bind -o "$raw" \
     "$DRIVER" --ns "" --if "$IA" --seconds 1 >"$WORK/emptyns.out" 2>&1 || fail "init with an empty namespace"
 expect_trace "$WORK/emptyns.out" LAB ADDR_IPV6 \
     "init(): [] Socket manager will be initiated with netns  '', on interface $IA."
 has_line "$WORK/emptyns.out" "INIT	0" || fail "init result with an empty namespace"
-if grep -E 'setns\(|/var/run/netns' "$WORK/strace-emptyns.txt"; then
+if grep -E 'setns\(|/var/run/netns' "$raw"; then
     fail "an empty namespace still entered a namespace"
 fi
+
+# ---- The raw socket and its options, as numbers: AF_INET6 raw ICMPv6, tied to the device, the
+# type filter passing only 134, packet information on, multicast loop off, then the bind to the
+# 28-byte link-local address.
+line_of() { grep -nF -- "$1" "$raw" | head -n1 | cut -d: -f1; }
+filter=$(printf '\\377%.0s' $(seq 16))'\277\377\377\377'$(printf '\\377%.0s' $(seq 12))
+previous=0
+for call in 'socket(0xa, 0x3, 0x3a) ' "0x1, 0x19, \"$IA\", ${#IA}) = 0" "0x3a, 1, \"$filter\", 32) = 0" \
+    '0x29, 0x31, [1], 4) = 0' '0x29, 0x13, [0], 4) = 0' '{sa_family=0xa, '; do
+    at=$(line_of "$call")
+    [ -n "$at" ] || fail "no system call with: $call"
+    [ "$at" -gt "$previous" ] || fail "out of order: $call"
+    previous=$at
+done
+grep -qE '^([0-9]+ +)?bind\([0-9]+, \{sa_family=0xa, .*\}, 28\) = 0$' "$raw" || fail "bind to a 28-byte IPv6 address"
 
 # ---- In the namespace, on the interface: the configuration line, address from getifaddrs, no netlink.
 ifindex=$(ip -n "$A" -o link show dev "$IA" 2>/dev/null | cut -d: -f1)
@@ -48,8 +64,11 @@ for byte in $(mac "$A" "$IA" | tr ':' ' '); do
     [ $((16#$byte)) -ge 128 ] && byte=ffffff$byte
     hw=${hw:+$hw:}$byte
 done
-start_driver main --ns "$A" --if "$IA" --seconds 2
-wait "$LAST_PID" || fail "init in namespace $A"
+strace -f -qq -e trace=openat,setns -o "$WORK/strace-main.txt" \
+    "$DRIVER" --ns "$A" --if "$IA" --seconds 2 >"$WORK/main.out" 2>&1 || fail "init in namespace $A"
+grep -qE "^([0-9]+ +)?openat\(AT_FDCWD, \"/var/run/netns/$A\", O_RDONLY\) += 3$" "$WORK/strace-main.txt" ||
+    fail "the namespace file was not opened read-only"
+grep -qE '^([0-9]+ +)?setns\(3, CLONE_NEWNET\) += 0$' "$WORK/strace-main.txt" || fail "no setns(CLONE_NEWNET)"
 expect_trace "$WORK/main.out" LAB ADDR_IPV6 \
     "init(): [] Fetched interface configuration for if $IA configuration { name: $IA, ifindex:$ifindex, hwaddr:{sa_family_text: AF_LOCAL|UNIX, sa_family_num:1, sa_data: $hw}, lladdr:{sin6_family.text: AF_INET6, sain6_family_num:10, sin6_port: 0, sin6_flowinfo: 0, sin6_addr: $lladdr, sin6_scope_id: $ifindex}, rsaddr:{sin6_family.text: AF_INET6, sain6_family_num:10, sin6_port: 0, sin6_flowinfo: 0, sin6_addr: ff02::2, sin6_scope_id: 0}"
 expect_trace "$WORK/main.out" INFO ADDR_IPV6 "init(): [] Bind successful after 1 attempts."
