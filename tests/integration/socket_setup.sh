@@ -54,6 +54,8 @@ for call in 'socket(0xa, 0x3, 0x3a) ' "0x1, 0x19, \"$IA\", ${#IA}) = 0" "0x3a, 1
     previous=$at
 done
 grep -qE '^([0-9]+ +)?bind\([0-9]+, \{sa_family=0xa, .*\}, 28\) = 0$' "$raw" || fail "bind to a 28-byte IPv6 address"
+# The interface has its link-local address already: no socket joins the address notifications.
+grep -qE 'nl_groups=(0x)?0*100[,}]' "$raw" && fail "a netlink socket was bound to the IPv6 address group"
 
 # ---- In the namespace, on the interface: the configuration line, address from getifaddrs, no netlink.
 ifindex=$(ip -n "$A" -o link show dev "$IA" 2>/dev/null | cut -d: -f1)
