@@ -68,9 +68,10 @@ for byte in $(mac "$A" "$IA" | tr ':' ' '); do
 done
 strace -f -qq -e trace=openat,setns -o "$WORK/strace-main.txt" \
     "$DRIVER" --ns "$A" --if "$IA" --seconds 2 >"$WORK/main.out" 2>&1 || fail "init in namespace $A"
-grep -qE "^([0-9]+ +)?openat\(AT_FDCWD, \"/var/run/netns/$A\", O_RDONLY\) += 3$" "$WORK/strace-main.txt" ||
-    fail "the namespace file was not opened read-only"
-grep -qE '^([0-9]+ +)?setns\(3, CLONE_NEWNET\) += 0$' "$WORK/strace-main.txt" || fail "no setns(CLONE_NEWNET)"
+nsfd=$(grep -oP "^([0-9]+ +)?openat\(AT_FDCWD, \"/var/run/netns/$A\", O_RDONLY\) += \K[0-9]+$" \
+    "$WORK/strace-main.txt") || fail "the namespace file was not opened read-only"
+grep -qE "^([0-9]+ +)?setns\($nsfd, CLONE_NEWNET\) += 0$" "$WORK/strace-main.txt" ||
+    fail "no setns(CLONE_NEWNET) on the namespace file"
 expect_trace "$WORK/main.out" LAB ADDR_IPV6 \
     "init(): [] Fetched interface configuration for if $IA configuration { name: $IA, ifindex:$ifindex, hwaddr:{sa_family_text: AF_LOCAL|UNIX, sa_family_num:1, sa_data: $hw}, lladdr:{sin6_family.text: AF_INET6, sain6_family_num:10, sin6_port: 0, sin6_flowinfo: 0, sin6_addr: $lladdr, sin6_scope_id: $ifindex}, rsaddr:{sin6_family.text: AF_INET6, sain6_family_num:10, sin6_port: 0, sin6_flowinfo: 0, sin6_addr: ff02::2, sin6_scope_id: 0}"
 expect_trace "$WORK/main.out" INFO ADDR_IPV6 "init(): [] Bind successful after 1 attempts."

@@ -82,6 +82,8 @@ class TransmitDouble : public SocketDouble {
 public:
     using SocketDouble::SocketDouble;
 
+    const IfConfig& getIfConfig() const override { return config; }
+
     uint32_t transmit(Message& message) override {
         sent.push_back(message.m_data);
         sentLengths.push_back(message.m_length);
@@ -92,6 +94,7 @@ public:
         return result;
     }
 
+    IfConfig config{};
     std::vector<std::vector<uint8_t>> sent;
     std::vector<size_t> sentLengths;
     std::vector<uint32_t> sentStates;
@@ -651,6 +654,29 @@ TEST_F(SocketMgrTest, EmptyInterfaceFailsEveryDispatchThenNoRaDetected) {
     EXPECT_THAT(
         m_capture.records(),
         Not(Contains(lab("GENERAL", "dispatchRs(): [] Monitored interface is set, ready to transmit RS"))));
+}
+
+TEST_F(SocketMgrTest, DispatchBuildsTheSolicitationFromTheInterfaceConfiguration) {
+    TransmitDouble mgr(std::move(m_receiver), "lo", kTestRetryInterval);
+    mgr.config.hwaddr.sa_family = 1;
+    const uint8_t hw[] = {0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
+    std::memcpy(mgr.config.hwaddr.sa_data, hw, sizeof hw);
+    mgr.config.lladdr.sin6_family = AF_INET6;
+    ASSERT_EQ(inet_pton(AF_INET6, "fe80::1", &mgr.config.lladdr.sin6_addr), 1);
+    mgr.config.rsaddr.sin6_family = AF_INET6;
+    ASSERT_EQ(inet_pton(AF_INET6, "ff02::2", &mgr.config.rsaddr.sin6_addr), 1);
+    mgr.getRsTimeout().m_owner = &mgr;
+
+    EXPECT_TRUE(mgr.getRsTimeout().dispatchRs());
+    ASSERT_EQ(mgr.sent.size(), 1u);
+    EXPECT_EQ(mgr.sentStates[0], Message::MSG_STATE_TX_READY);
+    EXPECT_EQ(mgr.sentLengths[0], 16u);
+    ASSERT_GE(mgr.sent[0].size(), 16u);
+    // Type 133, code 0, checksum 0x7a2c, reserved, source link-layer address option.
+    const std::vector<uint8_t> expected = {0x85, 0x00, 0x7a, 0x2c, 0x00, 0x00, 0x00, 0x00,
+                                           0x01, 0x01, 0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
+    EXPECT_EQ(std::vector<uint8_t>(mgr.sent[0].begin(), mgr.sent[0].begin() + 16), expected);
+    EXPECT_THAT(withoutLab(m_capture.records()), ElementsAre(rsSent()));
 }
 
 TEST(RsTimeout, ExpiryWithoutOwnerReportsAndStaysDisarmed) {
