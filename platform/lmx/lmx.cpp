@@ -25,6 +25,11 @@ R withService(R failure, Op&& op) noexcept {
             errno = EPERM;
             return failure;
         }
+        // After every operation, even one that failed half-way.
+        struct Settle {
+            lmx::Service& service;
+            ~Settle() { service.settle(); }
+        } settle{*g_service};
         return op(*g_service);
     } catch (const std::bad_alloc&) {
         errno = ENOMEM;

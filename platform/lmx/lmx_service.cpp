@@ -819,9 +819,7 @@ int Service::unmonitor(uint32_t monitorId) {
 // The inbox
 
 void Service::deliver(MessagePtr msg) {
-    const bool wasEmpty = m_inbox.empty();
     m_inbox.push_back(std::move(msg));
-    inboxChanged(wasEmpty);
 }
 
 void Service::deliverAnswer(uint32_t msgNo, lmx_mbox_id_t sender, uint32_t monitorId) {
@@ -857,30 +855,28 @@ MessagePtr Service::take(const uint32_t* filter, uint32_t from) {
     }
     MessagePtr msg = std::move(*it);
     m_inbox.erase(it);
-    inboxChanged(false);
     return msg;
 }
 
 void Service::withdrawAnswers(uint32_t monitorId) {
-    const size_t before = m_inbox.size();
     m_inbox.erase(std::remove_if(m_inbox.begin(), m_inbox.end(),
                                  [monitorId](const MessagePtr& msg) {
                                      return msgNoOf(msg.get()) == LMX_MONITOR_DEFAULT_NO &&
                                             headerOf(msg.get()).monitorId == monitorId;
                                  }),
                   m_inbox.end());
-    if (m_inbox.size() != before) {
-        inboxChanged(false);
-    }
 }
 
-// Keeps the eventfd readable exactly while the inbox holds something.
-void Service::inboxChanged(bool wasEmpty) {
+void Service::settle() {
+    const bool waiting = !m_inbox.empty();
+    if (waiting == m_eventRaised) {
+        return;
+    }
     uint64_t value = 1;
-    if (wasEmpty && !m_inbox.empty()) {
-        [[maybe_unused]] const ssize_t n = ::write(m_event.get(), &value, sizeof value);
-    } else if (m_inbox.empty()) {
-        [[maybe_unused]] const ssize_t n = ::read(m_event.get(), &value, sizeof value);
+    const ssize_t n =
+        waiting ? ::write(m_event.get(), &value, sizeof value) : ::read(m_event.get(), &value, sizeof value);
+    if (n == sizeof value) {
+        m_eventRaised = waiting;
     }
 }
 

@@ -89,6 +89,9 @@ public:
     uint32_t monitor(lmx_mbox_id_t id, const void* data);
     int unmonitor(uint32_t monitorId);
     const char* name(lmx_mbox_id_t id) const;
+    // Makes the eventfd readable exactly while the inbox holds something; called after every
+    // operation, so a message delivered and taken within one call costs no system call.
+    void settle();
 
 private:
     struct Channel;
@@ -130,14 +133,14 @@ private:
     void deliverAnswer(uint32_t msgNo, lmx_mbox_id_t sender, uint32_t monitorId);
     MessagePtr take(const uint32_t* filter, uint32_t from);
     void withdrawAnswers(uint32_t monitorId);
-    void inboxChanged(bool wasEmpty);
 
     const unsigned m_mailboxLimit;
     std::string m_dirPath;
     Fd m_dir;
-    Fd m_outer;   // what lmx_get_fd hands out: m_inner and m_event
-    Fd m_inner;   // sockets and the directory watch
-    Fd m_event;   // readable while m_inbox holds a message
+    Fd m_outer;  // what lmx_get_fd hands out: m_inner and m_event
+    Fd m_inner;  // sockets and the directory watch
+    Fd m_event;  // readable while m_inbox holds a message
+    bool m_eventRaised = false;
     Fd m_notify;  // inotify on the directory, watched only while locates wait
     int m_watch = -1;
     Fd m_reserve;  // given up for a moment to shed a connection when descriptors run out
