@@ -27,7 +27,6 @@ constexpr int kEventBatch = 32;
 constexpr int kAcceptBatch = 16;
 constexpr int kPumpRounds = 16;  // batches of events one lmx_receive without timeout handles
 constexpr size_t kMaxInboundPerMailbox = 1024;
-constexpr size_t kMaxNames = 65536;
 // Queued output per connection before lmx_send refuses; the kernel holds another send buffer.
 constexpr size_t kPeerQueueLimit = 4 * 1024 * 1024;
 // Asked for per data connection so several full packets are in flight; the kernel caps it at
@@ -70,31 +69,6 @@ void drainRead(int fd, void* buffer, size_t size) {
 }
 
 }  // namespace
-
-// ---------------------------------------------------------------------------------------------
-// Names
-
-lmx_mbox_id_t NameTable::intern(std::string_view name) {
-    if (const lmx_mbox_id_t id = lookup(name); id != LMX_INVALID_ID) {
-        return id;
-    }
-    if (m_names.size() >= kMaxNames) {
-        return LMX_INVALID_ID;
-    }
-    const auto id = static_cast<lmx_mbox_id_t>(m_names.size() + 1);
-    m_ids.emplace(std::string(name), id);
-    m_names.emplace_back(name);
-    return id;
-}
-
-lmx_mbox_id_t NameTable::lookup(std::string_view name) const {
-    const auto it = m_ids.find(std::string(name));
-    return it == m_ids.end() ? LMX_INVALID_ID : it->second;
-}
-
-const std::string* NameTable::find(lmx_mbox_id_t id) const {
-    return id == 0 || id > m_names.size() ? nullptr : &m_names[id - 1];
-}
 
 // ---------------------------------------------------------------------------------------------
 // Channels: every descriptor in the inner epoll set besides the directory watch

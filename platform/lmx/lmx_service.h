@@ -19,6 +19,7 @@
 
 #include "lmx.h"
 #include "lmx_message.h"
+#include "lmx_names.h"
 
 struct epoll_event;
 
@@ -51,20 +52,6 @@ public:
 
 private:
     int m_fd = -1;
-};
-
-// Process-local ids of mailbox names: the same name always gets the same id, never 0 and never
-// LMX_INVALID_ID.
-class NameTable {
-public:
-    // LMX_INVALID_ID once the table is full (peers choose the names they announce).
-    lmx_mbox_id_t intern(std::string_view name);
-    lmx_mbox_id_t lookup(std::string_view name) const;
-    const std::string* find(lmx_mbox_id_t id) const;
-
-private:
-    std::deque<std::string> m_names;  // a deque keeps every name where it is, for lmx_name
-    std::unordered_map<std::string, lmx_mbox_id_t> m_ids;
 };
 
 class Service {

@@ -786,3 +786,49 @@ TEST_F(LmxServiceTest, OutOfDescriptorsAConnectionIsRefusedNotSpunOn) {
     EXPECT_EQ(full.wait(), 0);
     ::close(raw);
 }
+
+TEST_F(LmxServiceTest, MailboxTakesAtMost1024ConnectionsAndRoomComesBack) {
+    constexpr int kAccepted = 1024;
+    constexpr int kExtra = 6;
+    constexpr rlim_t kDescriptors = 4 * (kAccepted + kExtra);  // both ends live in the child
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    if (limit.rlim_max < kDescriptors) {
+        GTEST_SKIP() << "needs " << kDescriptors << " descriptors, the hard limit is " << limit.rlim_max;
+    }
+    Child host([&](Child&) {
+        limit.rlim_cur = kDescriptors;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+        lmx_init(1, nullptr);
+        lmx_create_mailbox(kMe, 0);
+        const std::string me = std::string(::getenv("LMX_DIR")) + "/" + kMe;
+        std::vector<int> raw;
+        const auto settle = [] {
+            while (readable(lmx_get_fd())) {
+                lmx_receive(nullptr, 0, LMX_ANY_SENDER);
+            }
+        };
+        const auto refused = [](int fd) {
+            char byte;
+            return readable(fd) && ::recv(fd, &byte, 1, MSG_DONTWAIT) == 0;
+        };
+        for (int i = 0; i < kAccepted + kExtra; ++i) {
+            raw.push_back(rawConnect(me));
+            if (raw.back() < 0) {
+                return 1;
+            }
+        }
+        settle();
+        for (int i = 0; i < kAccepted + kExtra; ++i) {
+            if (refused(raw[i]) != (i >= kAccepted)) {
+                return 2;  // the first 1024 are kept, the rest closed
+            }
+        }
+        ::close(raw[0]);
+        settle();
+        const int again = rawConnect(me);
+        settle();
+        return refused(again) ? 3 : 0;
+    });
+    EXPECT_EQ(host.wait(), 0);
+}

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "lmx_names.h"
 #include "lmx_wire.h"
 
 using namespace lmx;
@@ -67,6 +68,32 @@ TEST(LmxNames, RefusesPathsHiddenNamesEmptyLongAndOtherCharacters) {
     EXPECT_FALSE(isValidName(std::string(101, 'n').c_str()));
     EXPECT_FALSE(isValidName(std::string_view("a\0b", 3)));
     EXPECT_FALSE(isValidName(static_cast<const char*>(nullptr)));
+}
+
+TEST(LmxNameTable, SameNameSameIdNeverZeroNorAllOnesUpToItsBound) {
+    NameTable names;
+    EXPECT_EQ(names.lookup("a"), LMX_INVALID_ID);
+    EXPECT_EQ(names.find(0), nullptr);
+    const lmx_mbox_id_t a = names.intern("a");
+    EXPECT_NE(a, 0u);
+    EXPECT_NE(a, LMX_INVALID_ID);
+    EXPECT_EQ(names.intern("a"), a);
+    EXPECT_EQ(names.lookup("a"), a);
+    const std::string* kept = names.find(a);
+    ASSERT_NE(kept, nullptr);
+    const char* text = kept->c_str();
+    for (size_t i = 1; i < kMaxNames; ++i) {
+        const lmx_mbox_id_t id = names.intern("n" + std::to_string(i));
+        ASSERT_NE(id, LMX_INVALID_ID) << i;
+        ASSERT_NE(id, 0u) << i;
+    }
+    // Full: a new name is refused, known names keep their ids and their text where it was.
+    EXPECT_EQ(names.intern("one-more"), LMX_INVALID_ID);
+    EXPECT_EQ(names.lookup("one-more"), LMX_INVALID_ID);
+    EXPECT_EQ(names.intern("a"), a);
+    EXPECT_EQ(names.find(a)->c_str(), text);
+    EXPECT_EQ(*names.find(names.lookup("n77")), "n77");
+    EXPECT_EQ(names.find(LMX_INVALID_ID), nullptr);
 }
 
 TEST(LmxWire, DataHelloIsMagicVersionKindLengthReservedThenName) {
