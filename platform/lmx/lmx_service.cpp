@@ -23,6 +23,7 @@ namespace lmx {
 namespace {
 
 constexpr mode_t kDirMode = 0770;
+constexpr mode_t kSocketMode = 0660;
 constexpr int kEventBatch = 32;
 constexpr int kAcceptBatch = 16;
 constexpr int kPumpRounds = 16;  // batches of events one lmx_receive without timeout handles
@@ -295,7 +296,9 @@ lmx_mbox_id_t Service::createMailbox(const char* name) {
     }
     struct stat file;
     int err = 0;
-    if (::listen(sock.get(), SOMAXCONN) != 0 ||
+    // Connecting takes write access to the socket file: the owner and the directory's group have
+    // it, whatever the umask.
+    if (::fchmodat(m_dir.get(), tmp.c_str(), kSocketMode, 0) != 0 || ::listen(sock.get(), SOMAXCONN) != 0 ||
         ::fstatat(m_dir.get(), tmp.c_str(), &file, AT_SYMLINK_NOFOLLOW) != 0) {
         err = errno;
     } else {
