@@ -5,6 +5,7 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
+#include <sys/random.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -155,13 +156,16 @@ int Service::setUp() {
     } else if (errno != EEXIST) {
         return errno;
     }
-    m_dir.reset(::open(m_dirPath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    m_outer.reset(::epoll_create1(EPOLL_CLOEXEC));
-    m_inner.reset(::epoll_create1(EPOLL_CLOEXEC));
-    m_event.reset(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
-    m_notify.reset(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-    m_reserve.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    if (!m_dir || !m_outer || !m_inner || !m_event || !m_notify || !m_reserve) {
+    const auto opened = [](Fd& fd, int value) {
+        fd.reset(value);
+        return value >= 0;
+    };
+    if (!opened(m_dir, ::open(m_dirPath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) ||
+        !opened(m_outer, ::epoll_create1(EPOLL_CLOEXEC)) ||
+        !opened(m_inner, ::epoll_create1(EPOLL_CLOEXEC)) ||
+        !opened(m_event, ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) ||
+        !opened(m_notify, ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) ||
+        !opened(m_reserve, ::open("/dev/null", O_RDONLY | O_CLOEXEC))) {
         return errno;
     }
     epoll_event ev{};
@@ -283,14 +287,17 @@ lmx_mbox_id_t Service::createMailbox(const char* name) {
         return LMX_INVALID_ID;
     }
     // Bound under a hidden name and renamed into place, so that whoever sees the name can connect.
-    const std::string tmp = "." + std::to_string(::getpid()) + "." + std::to_string(++m_tmpCounter);
+    // Unique across processes that share the directory from different pid namespaces, too.
+    uint32_t salt = 0;
+    [[maybe_unused]] const ssize_t got = ::getrandom(&salt, sizeof salt, GRND_NONBLOCK);
+    const std::string tmp =
+        "." + std::to_string(::getpid()) + "." + std::to_string(++m_tmpCounter) + "." + std::to_string(salt);
     sockaddr_un addr;
     socklen_t len;
     if (!procAddress(addr, len, m_dir.get(), tmp)) {
         errno = ENAMETOOLONG;
         return LMX_INVALID_ID;
     }
-    ::unlinkat(m_dir.get(), tmp.c_str(), 0);  // left by an earlier process of the same pid
     if (::bind(sock.get(), reinterpret_cast<const sockaddr*>(&addr), len) != 0) {
         return LMX_INVALID_ID;
     }
