@@ -208,24 +208,11 @@ std::ostream& operator<<(std::ostream& os, const LmxMgr::Message& message) {
     if (buffer == nullptr) {
         return os << "{}";
     }
-    const uint32_t msgNo = msgNoOf(buffer);
     // A received message is printed by its layout only when it really holds that layout.
-    if (solifFits(buffer, lmx_size(buffer))) {
-        switch (msgNo) {
-            case SOLIF_ROUTER_UPDATED_IND:
-                return os << *static_cast<const solif_router_updated_ind_t*>(buffer);
-            case SOLIF_NETWORK_UPDATED_IND:
-                return os << *static_cast<const solif_network_updated_ind_t*>(buffer);
-            case SOLIF_DNS_SERVER_UPDATED_IND:
-                return os << *static_cast<const solif_dns_server_updated_ind_t*>(buffer);
-            case SOLIF_GET_ROUTERS_CFM:
-                return os << *static_cast<const solif_get_routers_cfm_t*>(buffer);
-            case SOLIF_SHOW_RAINFO_CFM:
-                return os << *static_cast<const solif_show_rainfo_cfm_t*>(buffer);
-            default:
-                break;
-        }
+    if (solifPrint(os, buffer, lmx_size(buffer))) {
+        return os;
     }
+    const uint32_t msgNo = msgNoOf(buffer);
     const char* name = msgNo == LMX_LOCATE_DEFAULT_NO    ? "LMX_LOCATE_DEFAULT_NO"
                        : msgNo == LMX_MONITOR_DEFAULT_NO ? "LMX_MONITOR_DEFAULT_NO"
                                                          : solifMsgNoToCstr(msgNo);

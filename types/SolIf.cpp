@@ -198,6 +198,31 @@ bool solifFits(const void* msg, size_t size, std::string* why) {
     return true;
 }
 
+bool solifPrint(std::ostream& os, const void* msg, size_t size) {
+    if (!solifFits(msg, size)) {
+        return false;
+    }
+    switch (readU32(static_cast<const unsigned char*>(msg), 0)) {
+        case SOLIF_ROUTER_UPDATED_IND:
+            os << *static_cast<const solif_router_updated_ind_t*>(msg);
+            return true;
+        case SOLIF_NETWORK_UPDATED_IND:
+            os << *static_cast<const solif_network_updated_ind_t*>(msg);
+            return true;
+        case SOLIF_DNS_SERVER_UPDATED_IND:
+            os << *static_cast<const solif_dns_server_updated_ind_t*>(msg);
+            return true;
+        case SOLIF_GET_ROUTERS_CFM:
+            os << *static_cast<const solif_get_routers_cfm_t*>(msg);
+            return true;
+        case SOLIF_SHOW_RAINFO_CFM:
+            os << *static_cast<const solif_show_rainfo_cfm_t*>(msg);
+            return true;
+        default:
+            return false;  // the requests have no structure form
+    }
+}
+
 uint32_t solifDecode(const void* msg, size_t size, SolifMessage& out, std::string& error) {
     out = SolifMessage{};
     if (!solifFits(msg, size, &error)) {

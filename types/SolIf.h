@@ -162,6 +162,10 @@ namespace solicd {
 // of entries, its text size). Otherwise false, and `why` (if given) says what is wrong.
 bool solifFits(const void* msg, size_t size, std::string* why = nullptr);
 
+// Prints the message by its structure's text form when `size` bytes really hold one of the five
+// layouts (the buffer aligned as lmx_alloc aligns it); false, with nothing printed, otherwise.
+bool solifPrint(std::ostream& os, const void* msg, size_t size);
+
 // A received solif message, copied out of its buffer.
 struct SolifMessage {
     uint32_t msgNo = 0;
