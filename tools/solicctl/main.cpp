@@ -96,6 +96,7 @@ int runRequest(const Options& o, uint32_t requestNo, uint32_t answerNo) {
     }
     // Learn at once when solicd goes away instead of waiting the whole timeout.
     const uint32_t monitor = lmx_monitor(daemon, nullptr);
+    static_assert(sizeof(solif_get_routers_req_t) == sizeof(solif_show_rainfo_req_t), "requests are alike");
     void* request = lmx_alloc(sizeof(solif_get_routers_req_t), requestNo);
     if (request == nullptr || lmx_send(request, daemon, session.mailbox()) != 0) {
         return fail("cannot send the request to '" + o.mbox + "' (" + std::strerror(errno) +
