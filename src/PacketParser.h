@@ -26,6 +26,11 @@ public:
     // Writes the 16-byte Router Solicitation into the message; 0 on success.
     static uint32_t insertRsMsg(const SocketMgr::IfConfig& config, SocketMgr::Message& message);
 
+    // Test seam: the zero-filling allocator behind allocArray (calloc's contract); null restores
+    // calloc. Lets tests reach the allocation-failure paths.
+    using ZeroAllocator = void* (*)(size_t count, size_t size);
+    static void setAllocator(ZeroAllocator allocator);
+
     void setVerbose(bool enabled) { m_verbose = enabled; }
     const SolCounter<sol_packet_counters_t>& getCounters() const { return m_counters; }
 

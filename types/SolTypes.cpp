@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cstring>
 
 std::string kt_ip_address_ntop(const kt_ip_address_t& address)
@@ -19,6 +20,51 @@ std::string kt_ip_address_ntop(const kt_ip_address_t& address)
 std::ostream& operator<<(std::ostream& os, const kt_ip_address_t& address)
 {
     return os << kt_ip_address_ntop(address);
+}
+
+std::ostream& SolTypesOsHexdump(std::ostream& os, const void* data, size_t length) {
+    constexpr size_t kBytesPerLine = 16;
+    constexpr size_t kOffsetDigits = 8;
+    constexpr char kHexDigits[] = "0123456789abcdef";
+    // Offset, two blanks, 16 x "xx ", the middle blank, " |", 16 characters, "|\n".
+    constexpr size_t kLineSize = kOffsetDigits + 2 + kBytesPerLine * 3 + 1 + 2 + kBytesPerLine + 2;
+    if (data == nullptr) {
+        return os;
+    }
+    const auto* bytes = static_cast<const uint8_t*>(data);
+    for (size_t offset = 0; offset < length; offset += kBytesPerLine) {
+        char line[kLineSize];
+        size_t n = 0;
+        for (size_t shift = kOffsetDigits * 4; shift > 0; shift -= 4) {
+            line[n++] = kHexDigits[(offset >> (shift - 4)) & 0xf];
+        }
+        line[n++] = ' ';
+        line[n++] = ' ';
+        const size_t count = std::min(kBytesPerLine, length - offset);
+        for (size_t i = 0; i < kBytesPerLine; ++i) {
+            if (i < count) {
+                line[n++] = kHexDigits[bytes[offset + i] >> 4];
+                line[n++] = kHexDigits[bytes[offset + i] & 0xf];
+            } else {
+                line[n++] = ' ';
+                line[n++] = ' ';
+            }
+            line[n++] = ' ';
+            if (i == kBytesPerLine / 2 - 1) {
+                line[n++] = ' ';
+            }
+        }
+        line[n++] = ' ';
+        line[n++] = '|';
+        for (size_t i = 0; i < count; ++i) {
+            const uint8_t c = bytes[offset + i];
+            line[n++] = c >= 0x20 && c < 0x7f ? static_cast<char>(c) : '.';
+        }
+        line[n++] = '|';
+        line[n++] = '\n';
+        os.write(line, static_cast<std::streamsize>(n));
+    }
+    return os;
 }
 
 const char* toCstr(sol_router_state_t state)

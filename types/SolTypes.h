@@ -112,6 +112,12 @@ inline constexpr uint8_t KT_AF_INET6 = 10;
 std::string kt_ip_address_ntop(const kt_ip_address_t& address);
 std::ostream& operator<<(std::ostream& os, const kt_ip_address_t& address);
 
+// A conventional hex dump: per 16 bytes one line of the offset (8 hex digits), the bytes in hex
+// (an extra blank after the eighth) and the printable ASCII column between bars, e.g.
+// "00000000  86 00 12 34 40 c0 07 08  00 00 00 00 00 00 00 00  |...4@...........|".
+// Every line ends with a line feed; nothing is printed for an empty or null buffer.
+std::ostream& SolTypesOsHexdump(std::ostream& os, const void* data, size_t length);
+
 template <class T>
 std::string toStr(const T& value)
 {

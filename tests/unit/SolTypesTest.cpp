@@ -2,7 +2,10 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cstring>
+#include <sstream>
+#include <vector>
 
 #include "SolTypes.h"
 
@@ -134,6 +137,45 @@ TEST(SolTypes, CounterStreamForms)
     SolCounter<sol_packet_counters_t> p;
     p.m_counters.prefixAccepted = 2;
     EXPECT_EQ(toStr(p), "{raParsed: 0, raDropped: 0, prefixAccepted: 2, prefixIgnored: 0}");
+}
+
+std::string hexdump(const void* data, size_t length) {
+    std::ostringstream os;
+    SolTypesOsHexdump(os, data, length);
+    return os.str();
+}
+
+TEST(SolTypes, HexdumpOfNothingPrintsNothing) {
+    const uint8_t byte = 0x41;
+    EXPECT_EQ(hexdump(&byte, 0), "");
+    EXPECT_EQ(hexdump(nullptr, 16), "");
+}
+
+TEST(SolTypes, HexdumpFullLineShowsOffsetSplitHexAndPrintableColumn) {
+    const uint8_t bytes[16] = {0x86, 0x00, 0x12, 0x34, 0x40, 0xc0, 0x07, 0x08,
+                               'A',  'z',  ' ',  '~',  0x7f, 0x1f, 0xff, '0'};
+    EXPECT_EQ(hexdump(bytes, sizeof bytes),
+              "00000000  86 00 12 34 40 c0 07 08  41 7a 20 7e 7f 1f ff 30  |...4@...Az ~...0|\n");
+}
+
+TEST(SolTypes, HexdumpPadsTheLastPartialLineSoColumnsAlign) {
+    uint8_t bytes[21];
+    for (size_t i = 0; i < sizeof bytes; ++i) {
+        bytes[i] = static_cast<uint8_t>('a' + i);
+    }
+    EXPECT_EQ(hexdump(bytes, sizeof bytes),
+              "00000000  61 62 63 64 65 66 67 68  69 6a 6b 6c 6d 6e 6f 70  |abcdefghijklmnop|\n"
+              "00000010  71 72 73 74 75                                    |qrstu|\n");
+    EXPECT_EQ(hexdump(bytes, 9), "00000000  61 62 63 64 65 66 67 68  69                       |abcdefghi|\n");
+}
+
+TEST(SolTypes, HexdumpOffsetsCountBytesInHex) {
+    const std::vector<uint8_t> bytes(0x111, 0);
+    const std::string text = hexdump(bytes.data(), bytes.size());
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 18);
+    EXPECT_NE(text.find("\n00000100  00 "), std::string::npos);
+    EXPECT_EQ(text.substr(text.rfind("00000110")),
+              "00000110  00                                                |.|\n");
 }
 
 }  // namespace
