@@ -80,6 +80,14 @@ int runLs(const Options& o) {
 
 // show and routers: a request from a private mailbox, and the answer from `o.mbox`.
 int runRequest(const Options& o, uint32_t requestNo, uint32_t answerNo) {
+    // Starting the service would create a missing directory; a question creates nothing.
+    struct stat st {};
+    const int found = stat(o.dir.c_str(), &st);
+    if (found != 0 || !S_ISDIR(st.st_mode)) {
+        const std::string why = found != 0 ? std::strerror(errno) : "not a directory";
+        return fail("no mailbox directory " + o.dir + " (" + why +
+                    "); check --dir (or LMX_DIR) and that solicd runs");
+    }
     const TerminationSignals signals;
     LmxSession session;
     std::string error;
