@@ -7,14 +7,125 @@
 #include <algorithm>
 #include <cstring>
 
+namespace {
+
+constexpr size_t kIp6Groups = 8;
+constexpr size_t kIp4Bytes = 4;
+constexpr size_t kIp4Offset = 12;
+constexpr size_t kMappedMarkerGroup = 5;
+constexpr unsigned kMappedMarker = 0xffff;
+constexpr char kHexDigits[] = "0123456789abcdef";
+
+// "%u" of one byte.
+char* putDecimalByte(char* out, unsigned value)
+{
+    if (value >= 100) {
+        *out++ = static_cast<char>('0' + value / 100);
+    }
+    if (value >= 10) {
+        *out++ = static_cast<char>('0' + value / 10 % 10);
+    }
+    *out++ = static_cast<char>('0' + value % 10);
+    return out;
+}
+
+// "%x" of one group: no leading zeros.
+char* putHexGroup(char* out, unsigned value)
+{
+    bool started = false;
+    for (int shift = 12; shift >= 0; shift -= 4) {
+        const unsigned digit = (value >> shift) & 0xf;
+        started = started || digit != 0 || shift == 0;
+        if (started) {
+            *out++ = kHexDigits[digit];
+        }
+    }
+    return out;
+}
+
+char* putIp4(char* out, const uint8_t* bytes)
+{
+    for (size_t i = 0; i < kIp4Bytes; ++i) {
+        if (i != 0) {
+            *out++ = '.';
+        }
+        out = putDecimalByte(out, bytes[i]);
+    }
+    return out;
+}
+
+}  // namespace
+
+size_t kt_ip6_address_text(const uint8_t* bytes, char* text)
+{
+    unsigned groups[kIp6Groups];
+    for (size_t i = 0; i < kIp6Groups; ++i) {
+        groups[i] = static_cast<unsigned>(bytes[2 * i] << 8 | bytes[2 * i + 1]);
+    }
+    // The longest run of zero groups; the first one wins a tie; a single group is no run.
+    size_t bestBase = kIp6Groups;
+    size_t bestLength = 0;
+    for (size_t i = 0; i < kIp6Groups;) {
+        if (groups[i] != 0) {
+            ++i;
+            continue;
+        }
+        size_t end = i;
+        while (end < kIp6Groups && groups[end] == 0) {
+            ++end;
+        }
+        if (end - i > bestLength) {
+            bestBase = i;
+            bestLength = end - i;
+        }
+        i = end;
+    }
+    if (bestLength < 2) {
+        bestBase = kIp6Groups;
+        bestLength = 0;
+    }
+    char* out = text;
+    for (size_t i = 0; i < kIp6Groups; ++i) {
+        if (i >= bestBase && i < bestBase + bestLength) {
+            if (i == bestBase) {
+                *out++ = ':';
+            }
+            continue;
+        }
+        if (i != 0) {
+            *out++ = ':';
+        }
+        if (i == kIp4Offset / 2 && bestBase == 0 &&
+            (bestLength == 6 || (bestLength == 5 && groups[kMappedMarkerGroup] == kMappedMarker))) {
+            out = putIp4(out, bytes + kIp4Offset);
+            break;
+        }
+        out = putHexGroup(out, groups[i]);
+    }
+    if (bestLength != 0 && bestBase + bestLength == kIp6Groups) {
+        *out++ = ':';
+    }
+    *out = '\0';
+    return static_cast<size_t>(out - text);
+}
+
+namespace {
+
+// kt_ip_address_ntop into a buffer of KT_IP6_TEXT_SIZE bytes; the length written.
+size_t addressText(const kt_ip_address_t& address, char* text)
+{
+    if (address.family == AF_INET) {
+        return static_cast<size_t>(putIp4(text, address.bytes) - text);
+    }
+    return kt_ip6_address_text(address.bytes, text);
+}
+
+}  // namespace
+
 std::string kt_ip_address_ntop(const kt_ip_address_t& address)
 {
-    char text[INET6_ADDRSTRLEN] = {};
-    const int family = address.family == AF_INET ? AF_INET : AF_INET6;
-    if (inet_ntop(family, address.bytes, text, sizeof text) == nullptr) {
-        return "<invalid address>";
-    }
-    return text;
+    char text[KT_IP6_TEXT_SIZE];
+    return std::string(text, addressText(address, text));
 }
 
 std::ostream& operator<<(std::ostream& os, const kt_ip_address_t& address)
@@ -25,7 +136,6 @@ std::ostream& operator<<(std::ostream& os, const kt_ip_address_t& address)
 std::ostream& SolTypesOsHexdump(std::ostream& os, const void* data, size_t length) {
     constexpr size_t kBytesPerLine = 16;
     constexpr size_t kOffsetDigits = 8;
-    constexpr char kHexDigits[] = "0123456789abcdef";
     // Offset, two blanks, 16 x "xx ", the middle blank, " |", 16 characters, "|\n".
     constexpr size_t kLineSize = kOffsetDigits + 2 + kBytesPerLine * 3 + 1 + 2 + kBytesPerLine + 2;
     if (data == nullptr) {
@@ -111,8 +221,10 @@ std::ostream& operator<<(std::ostream& os, sol_dns_server_state_t state) { retur
 namespace solicd {
 namespace {
 
-// The prefix with every bit beyond `length` cleared, as IPv6 text.
-std::string maskedPrefixText(const kt_ip_address_t& prefix, uint32_t length)
+constexpr size_t kDecimalDigits32 = 10;
+
+// The prefix with every bit beyond `length` cleared.
+kt_ip_address_t maskedPrefix(const kt_ip_address_t& prefix, uint32_t length)
 {
     kt_ip_address_t masked = prefix;
     masked.family = KT_AF_INET6;
@@ -124,7 +236,33 @@ std::string maskedPrefixText(const kt_ip_address_t& prefix, uint32_t length)
             masked.bytes[i] &= static_cast<uint8_t>(0xff << (8 - (length - bitsBefore)));
         }
     }
-    return kt_ip_address_ntop(masked);
+    return masked;
+}
+
+// "<kind><address>", or "<kind><address>/<length>" when a length is given, written once into
+// a buffer: the names are the cache and timer keys, built for every record of every RA.
+template <size_t N>
+std::string entryName(const char (&kind)[N], const kt_ip_address_t& address, const uint32_t* length = nullptr)
+{
+    constexpr size_t kKindLength = N - 1;
+    char text[kKindLength + KT_IP6_TEXT_SIZE + 1 + kDecimalDigits32];
+    std::memcpy(text, kind, kKindLength);
+    char* out = text + kKindLength;
+    out += addressText(address, out);
+    if (length != nullptr) {
+        *out++ = '/';
+        char digits[kDecimalDigits32];
+        size_t count = 0;
+        uint32_t rest = *length;
+        do {
+            digits[count++] = static_cast<char>('0' + rest % 10);
+            rest /= 10;
+        } while (rest != 0);
+        while (count != 0) {
+            *out++ = digits[--count];
+        }
+    }
+    return std::string(text, static_cast<size_t>(out - text));
 }
 
 bool sameAddress(const kt_ip_address_t& a, const kt_ip_address_t& b)
@@ -159,14 +297,14 @@ SolNetwork::Status::Status() : sol_network_status_t{} {}
 SolDnsServer::Config::Config() : sol_dns_server_config_t{} {}
 SolDnsServer::Status::Status() : sol_status_t{} {}
 
-std::string SolRouter::Config::getName() const { return "router/" + kt_ip_address_ntop(address); }
+std::string SolRouter::Config::getName() const { return entryName("router/", address); }
 
 std::string SolNetwork::Config::getName() const
 {
-    return "network/" + maskedPrefixText(prefix, prefixLength) + "/" + std::to_string(prefixLength);
+    return entryName("network/", maskedPrefix(prefix, prefixLength), &prefixLength);
 }
 
-std::string SolDnsServer::Config::getName() const { return "dns/" + kt_ip_address_ntop(address); }
+std::string SolDnsServer::Config::getName() const { return entryName("dns/", address); }
 
 bool SolRouter::Config::isNotEqual(const Config& o) const
 {

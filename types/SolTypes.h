@@ -110,6 +110,14 @@ static_assert(sizeof(sol_packet_counters_t) == 32);
 inline constexpr uint8_t KT_AF_INET6 = 10;
 
 std::string kt_ip_address_ntop(const kt_ip_address_t& address);
+
+// Exactly inet_ntop's text of an IPv6 address (the longest run of two or more zero groups, the
+// first of equal ones, as "::"; the IPv4-compatible and IPv4-mapped forms in dotted decimal),
+// written without the formatted output inet_ntop runs per group: names are built on every RA.
+// `text` holds at least KT_IP6_TEXT_SIZE bytes; the result is NUL-terminated and its length
+// returned.
+inline constexpr size_t KT_IP6_TEXT_SIZE = 46;
+size_t kt_ip6_address_text(const uint8_t* bytes, char* text);
 std::ostream& operator<<(std::ostream& os, const kt_ip_address_t& address);
 
 // A conventional hex dump: per 16 bytes one line of the offset (8 hex digits), the bytes in hex
