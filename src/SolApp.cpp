@@ -358,8 +358,7 @@ void Logic::orderTimeout(const std::string& name, uint32_t type, uint32_t second
     auto found = m_timeouts.find(name);
     if (found != m_timeouts.end()) {
         // One timer per name: a new order restarts it from now and keeps its first type.
-        found->second.remove();
-        found->second.add(interval);
+        found->second.restart(interval);
         return;
     }
     CacheTimeout& timeout = m_timeouts.try_emplace(name).first->second;
