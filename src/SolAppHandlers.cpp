@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <list>
 #include <sstream>
+#include <string_view>
 #include <type_traits>
 #include <vector>
 
@@ -47,6 +48,12 @@ void respondOrRestart(LmxMgr& lmx, const char* function, const LmxMgr::Message& 
     if (lmx.respond(request, answer) != 0) {
         SOL_FATAL(function, "LmxMgr::respond");
     }
+}
+
+// A record's name, the key of its timer, written into the caller's buffer.
+template <class Config>
+std::string_view nameOf(const Config& config, char (&buffer)[SOL_ENTRY_NAME_SIZE]) {
+    return {buffer, config.writeName(buffer)};
 }
 
 bool isConnected(const LmxMgr& lmx) {
@@ -101,6 +108,7 @@ void Logic::handleRaSocketEvent() {
     std::vector<LmxMgr::Message> notifications(1 + networks.size() + std::max<size_t>(dnsServers.size(), 1));
     size_t count = 0;
     CacheMgr& cache = m_data->getCacheMgr();
+    char name[SOL_ENTRY_NAME_SIZE];
 
     // Only the first router counts: the parser gives at most one per packet.
     const SolRouter::Config& routerConfig = routers.front();
@@ -109,7 +117,7 @@ void Logic::handleRaSocketEvent() {
         if (router.changed) {
             notifications[count++].setTxRouterUpdatedInd(*router.entry);
         }
-        applyTimeoutAction(routerConfig.getName(), CacheTimeout::TYPE_ROUTER, router.lifetime);
+        applyTimeoutAction(nameOf(routerConfig, name), CacheTimeout::TYPE_ROUTER, router.lifetime);
     }
 
     for (const SolNetwork::Config& config : networks) {
@@ -123,7 +131,7 @@ void Logic::handleRaSocketEvent() {
                 cache.setRelation(*router.entry, *network.entry);
             }
         }
-        applyTimeoutAction(config.getName(), CacheTimeout::TYPE_NETWORK, network.lifetime);
+        applyTimeoutAction(nameOf(config, name), CacheTimeout::TYPE_NETWORK, network.lifetime);
     }
 
     if (dnsServers.empty()) {
@@ -141,7 +149,7 @@ void Logic::handleRaSocketEvent() {
             if (server.changed && router.entry != nullptr) {
                 cache.setRelation(*router.entry, *server.entry);
             }
-            applyTimeoutAction(config.getName(), CacheTimeout::TYPE_DNS_SERVER, server.lifetime);
+            applyTimeoutAction(nameOf(config, name), CacheTimeout::TYPE_DNS_SERVER, server.lifetime);
         }
         // Active entries are never evicted, so the pointers of the first list are still the
         // entries they named.

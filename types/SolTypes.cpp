@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 namespace {
@@ -32,14 +33,16 @@ char* putDecimalByte(char* out, unsigned value)
 // "%x" of one group: no leading zeros.
 char* putHexGroup(char* out, unsigned value)
 {
-    bool started = false;
-    for (int shift = 12; shift >= 0; shift -= 4) {
-        const unsigned digit = (value >> shift) & 0xf;
-        started = started || digit != 0 || shift == 0;
-        if (started) {
-            *out++ = kHexDigits[digit];
-        }
+    if (value >= 0x1000) {
+        *out++ = kHexDigits[value >> 12];
     }
+    if (value >= 0x100) {
+        *out++ = kHexDigits[(value >> 8) & 0xf];
+    }
+    if (value >= 0x10) {
+        *out++ = kHexDigits[(value >> 4) & 0xf];
+    }
+    *out++ = kHexDigits[value & 0xf];
     return out;
 }
 
@@ -54,56 +57,76 @@ char* putIp4(char* out, const uint8_t* bytes)
     return out;
 }
 
+// The groups [from, to) in "%x", separated by ':'.
+char* putHexGroups(char* out, const unsigned* groups, size_t from, size_t to)
+{
+    for (size_t i = from; i < to; ++i) {
+        if (i != from) {
+            *out++ = ':';
+        }
+        out = putHexGroup(out, groups[i]);
+    }
+    return out;
+}
+
+// The run of zero groups that becomes "::" for each pattern of zero groups (bit i set: group i is
+// zero): the longest, the first of equally long ones, none shorter than two groups. Base in the
+// high nibble, length in the low one; 0 when there is no such run.
+constexpr unsigned kRunLengthMask = 0xf;
+constexpr unsigned kRunBaseShift = 4;
+constexpr auto kZeroRuns = [] {
+    std::array<uint8_t, 1u << kIp6Groups> runs{};
+    for (unsigned zeros = 0; zeros < runs.size(); ++zeros) {
+        unsigned bestBase = 0;
+        unsigned bestLength = 0;
+        for (unsigned i = 0; i < kIp6Groups;) {
+            unsigned end = i;
+            while (end < kIp6Groups && (zeros >> end & 1) != 0) {
+                ++end;
+            }
+            if (end - i > bestLength) {
+                bestBase = i;
+                bestLength = end - i;
+            }
+            i = end == i ? i + 1 : end;
+        }
+        runs[zeros] = bestLength < 2 ? 0 : static_cast<uint8_t>(bestBase << kRunBaseShift | bestLength);
+    }
+    return runs;
+}();
+
 }  // namespace
 
 size_t kt_ip6_address_text(const uint8_t* bytes, char* text)
 {
     unsigned groups[kIp6Groups];
+    unsigned zeros = 0;
     for (size_t i = 0; i < kIp6Groups; ++i) {
         groups[i] = static_cast<unsigned>(bytes[2 * i] << 8 | bytes[2 * i + 1]);
+        zeros |= (groups[i] == 0 ? 1u : 0u) << i;
     }
-    // The longest run of zero groups; the first one wins a tie; a single group is no run.
-    size_t bestBase = kIp6Groups;
-    size_t bestLength = 0;
-    for (size_t i = 0; i < kIp6Groups;) {
-        if (groups[i] != 0) {
-            ++i;
-            continue;
-        }
-        size_t end = i;
-        while (end < kIp6Groups && groups[end] == 0) {
-            ++end;
-        }
-        if (end - i > bestLength) {
-            bestBase = i;
-            bestLength = end - i;
-        }
-        i = end;
-    }
-    if (bestLength < 2) {
-        bestBase = kIp6Groups;
-        bestLength = 0;
-    }
+    const unsigned run = kZeroRuns[zeros];
+    const size_t runLength = run & kRunLengthMask;
+    const size_t runBase = run >> kRunBaseShift;
     char* out = text;
-    for (size_t i = 0; i < kIp6Groups; ++i) {
-        if (i >= bestBase && i < bestBase + bestLength) {
-            if (i == bestBase) {
+    if (runLength == 0) {
+        out = putHexGroups(out, groups, 0, kIp6Groups);
+    } else {
+        out = putHexGroups(out, groups, 0, runBase);
+        *out++ = ':';
+        *out++ = ':';
+        const size_t tail = runBase + runLength;
+        // IPv4-compatible (::a.b.c.d) and IPv4-mapped (::ffff:a.b.c.d): the last two groups in
+        // dotted decimal.
+        if (runBase == 0 && (runLength == 6 || (runLength == 5 && groups[kMappedMarkerGroup] == kMappedMarker))) {
+            out = putHexGroups(out, groups, tail, kIp4Offset / 2);
+            if (tail < kIp4Offset / 2) {
                 *out++ = ':';
             }
-            continue;
-        }
-        if (i != 0) {
-            *out++ = ':';
-        }
-        if (i == kIp4Offset / 2 && bestBase == 0 &&
-            (bestLength == 6 || (bestLength == 5 && groups[kMappedMarkerGroup] == kMappedMarker))) {
             out = putIp4(out, bytes + kIp4Offset);
-            break;
+        } else {
+            out = putHexGroups(out, groups, tail, kIp6Groups);
         }
-        out = putHexGroup(out, groups[i]);
-    }
-    if (bestLength != 0 && bestBase + bestLength == kIp6Groups) {
-        *out++ = ':';
     }
     *out = '\0';
     return static_cast<size_t>(out - text);
@@ -221,37 +244,36 @@ std::ostream& operator<<(std::ostream& os, sol_dns_server_state_t state) { retur
 namespace solicd {
 namespace {
 
-constexpr size_t kDecimalDigits32 = 10;
-
 // The prefix with every bit beyond `length` cleared.
 kt_ip_address_t maskedPrefix(const kt_ip_address_t& prefix, uint32_t length)
 {
+    constexpr uint32_t kBits = 8 * sizeof prefix.bytes;
     kt_ip_address_t masked = prefix;
     masked.family = KT_AF_INET6;
-    for (uint32_t i = 0; i < sizeof masked.bytes; ++i) {
-        const uint32_t bitsBefore = i * 8;
-        if (length <= bitsBefore) {
-            masked.bytes[i] = 0;
-        } else if (length < bitsBefore + 8) {
-            masked.bytes[i] &= static_cast<uint8_t>(0xff << (8 - (length - bitsBefore)));
-        }
+    const uint32_t kept = std::min(length, kBits);
+    const uint32_t fullBytes = kept / 8;
+    if (fullBytes < sizeof masked.bytes) {
+        masked.bytes[fullBytes] &= static_cast<uint8_t>(0xff << (8 - kept % 8));
+        std::memset(masked.bytes + fullBytes + 1, 0, sizeof masked.bytes - fullBytes - 1);
     }
     return masked;
 }
 
-// "<kind><address>", or "<kind><address>/<length>" when a length is given, written once into
-// a buffer: the names are the cache and timer keys, built for every record of every RA.
+// "<kind><address>", or "<kind><address>/<length>" when a length is given, into a buffer of
+// SOL_ENTRY_NAME_SIZE bytes; the length written. The names are the cache and timer keys, built
+// for every record of every RA.
 template <size_t N>
-std::string entryName(const char (&kind)[N], const kt_ip_address_t& address, const uint32_t* length = nullptr)
+size_t writeEntryName(char* text, const char (&kind)[N], const kt_ip_address_t& address,
+                      const uint32_t* length = nullptr)
 {
     constexpr size_t kKindLength = N - 1;
-    char text[kKindLength + KT_IP6_TEXT_SIZE + 1 + kDecimalDigits32];
+    static_assert(kKindLength + KT_IP6_TEXT_SIZE + SOL_DECIMAL_U32_SIZE <= SOL_ENTRY_NAME_SIZE);
     std::memcpy(text, kind, kKindLength);
     char* out = text + kKindLength;
     out += addressText(address, out);
     if (length != nullptr) {
         *out++ = '/';
-        char digits[kDecimalDigits32];
+        char digits[SOL_DECIMAL_U32_SIZE];
         size_t count = 0;
         uint32_t rest = *length;
         do {
@@ -262,7 +284,15 @@ std::string entryName(const char (&kind)[N], const kt_ip_address_t& address, con
             *out++ = digits[--count];
         }
     }
-    return std::string(text, static_cast<size_t>(out - text));
+    *out = '\0';
+    return static_cast<size_t>(out - text);
+}
+
+template <class Config>
+std::string nameOf(const Config& config)
+{
+    char text[SOL_ENTRY_NAME_SIZE];
+    return std::string(text, config.writeName(text));
 }
 
 bool sameAddress(const kt_ip_address_t& a, const kt_ip_address_t& b)
@@ -297,14 +327,17 @@ SolNetwork::Status::Status() : sol_network_status_t{} {}
 SolDnsServer::Config::Config() : sol_dns_server_config_t{} {}
 SolDnsServer::Status::Status() : sol_status_t{} {}
 
-std::string SolRouter::Config::getName() const { return entryName("router/", address); }
+size_t SolRouter::Config::writeName(char* text) const { return writeEntryName(text, "router/", address); }
+std::string SolRouter::Config::getName() const { return nameOf(*this); }
 
-std::string SolNetwork::Config::getName() const
+size_t SolNetwork::Config::writeName(char* text) const
 {
-    return entryName("network/", maskedPrefix(prefix, prefixLength), &prefixLength);
+    return writeEntryName(text, "network/", maskedPrefix(prefix, prefixLength), &prefixLength);
 }
+std::string SolNetwork::Config::getName() const { return nameOf(*this); }
 
-std::string SolDnsServer::Config::getName() const { return entryName("dns/", address); }
+size_t SolDnsServer::Config::writeName(char* text) const { return writeEntryName(text, "dns/", address); }
+std::string SolDnsServer::Config::getName() const { return nameOf(*this); }
 
 bool SolRouter::Config::isNotEqual(const Config& o) const
 {

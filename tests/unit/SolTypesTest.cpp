@@ -300,4 +300,28 @@ TEST(SolTypes, NetworkNamePrintsEveryPrefixLengthInDecimal)
     }
 }
 
+TEST(SolTypes, WrittenNamesEqualTheNamesAndFitTheBufferAtTheirLongest)
+{
+    SolNetwork::Config n;
+    n.prefix = addr("ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
+    n.prefixLength = 4294967295u;
+    SolRouter::Config r;
+    r.address = addr("fe80:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
+    SolDnsServer::Config d;
+    d.address = addr("::ffff:255.255.255.255");
+    char text[SOL_ENTRY_NAME_SIZE];
+    const size_t nLength = n.writeName(text);
+    ASSERT_EQ(nLength, std::strlen(text));
+    EXPECT_STREQ(text, "network/ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff/4294967295");
+    EXPECT_EQ(n.getName(), text);
+    const size_t rLength = r.writeName(text);
+    ASSERT_EQ(rLength, std::strlen(text));
+    EXPECT_STREQ(text, "router/fe80:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
+    EXPECT_EQ(r.getName(), text);
+    const size_t dLength = d.writeName(text);
+    ASSERT_EQ(dLength, std::strlen(text));
+    EXPECT_STREQ(text, "dns/::ffff:255.255.255.255");
+    EXPECT_EQ(d.getName(), text);
+}
+
 }  // namespace
