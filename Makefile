@@ -3,7 +3,7 @@ BUILD      ?= build
 JOBS       ?= $(shell nproc)
 BUILD_TYPE ?= RelWithDebInfo
 
-.PHONY: all deps build test bench fuzz clean
+.PHONY: all deps build test bench bench-flood fuzz clean
 
 all: build
 
@@ -20,6 +20,11 @@ test: build
 # Every benchmark executable in build/bin named bench_*; figures are printed.
 bench: build
 	@for b in $(BUILD)/bin/bench_*; do echo "== $$(basename $$b)"; $$b --benchmark_min_time=0.2; done
+
+# The flood benchmark (root): RA floods over a veth between two namespaces against a raw-socket
+# reference; the table is printed and written to bench/results/latest.md.
+bench-flood: build
+	@bench/flood/run.sh
 
 # Each fuzz target for FUZZ_SECONDS over its seeds and regression inputs (clang, ASan+UBSan).
 FUZZ_SECONDS ?= 30
