@@ -5,6 +5,7 @@
 #include <map>
 #include <string_view>
 
+#include "EntryName.h"
 #include "TraceLog.h"
 
 namespace solicd {
@@ -394,7 +395,7 @@ public:
     // The entry of a configuration's name, looked up without building a string.
     Entry* find(const Config& config) {
         char name[SOL_ENTRY_NAME_SIZE];
-        return find(std::string_view(name, config.writeName(name)));
+        return find(writeEntryName(config, name));
     }
 
     Entry* push(const Config& config, bool& changed, uint32_t& timeout, const CacheMgr::Clock& clock) {
@@ -404,7 +405,7 @@ public:
                   toStr(config).c_str());
         // The name is made a string only for a new entry: an RA mostly refreshes known ones.
         char nameText[SOL_ENTRY_NAME_SIZE];
-        const std::string_view name(nameText, config.writeName(nameText));
+        const std::string_view name = writeEntryName(config, nameText);
         auto it = entries.find(name);
         if (it != entries.end()) {
             changed = update(it->second, it->first, config, timeout, clock());

@@ -6,6 +6,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "EntryName.h"
 #include "SolApp.h"
 #include "TraceLog.h"
 
@@ -48,12 +49,6 @@ void respondOrRestart(LmxMgr& lmx, const char* function, const LmxMgr::Message& 
     if (lmx.respond(request, answer) != 0) {
         SOL_FATAL(function, "LmxMgr::respond");
     }
-}
-
-// A record's name, the key of its timer, written into the caller's buffer.
-template <class Config>
-std::string_view nameOf(const Config& config, char (&buffer)[SOL_ENTRY_NAME_SIZE]) {
-    return {buffer, config.writeName(buffer)};
 }
 
 bool isConnected(const LmxMgr& lmx) {
@@ -117,7 +112,7 @@ void Logic::handleRaSocketEvent() {
         if (router.changed) {
             notifications[count++].setTxRouterUpdatedInd(*router.entry);
         }
-        applyTimeoutAction(nameOf(routerConfig, name), CacheTimeout::TYPE_ROUTER, router.lifetime);
+        applyTimeoutAction(writeEntryName(routerConfig, name), CacheTimeout::TYPE_ROUTER, router.lifetime);
     }
 
     for (const SolNetwork::Config& config : networks) {
@@ -131,7 +126,7 @@ void Logic::handleRaSocketEvent() {
                 cache.setRelation(*router.entry, *network.entry);
             }
         }
-        applyTimeoutAction(nameOf(config, name), CacheTimeout::TYPE_NETWORK, network.lifetime);
+        applyTimeoutAction(writeEntryName(config, name), CacheTimeout::TYPE_NETWORK, network.lifetime);
     }
 
     if (dnsServers.empty()) {
@@ -149,7 +144,7 @@ void Logic::handleRaSocketEvent() {
             if (server.changed && router.entry != nullptr) {
                 cache.setRelation(*router.entry, *server.entry);
             }
-            applyTimeoutAction(nameOf(config, name), CacheTimeout::TYPE_DNS_SERVER, server.lifetime);
+            applyTimeoutAction(writeEntryName(config, name), CacheTimeout::TYPE_DNS_SERVER, server.lifetime);
         }
         // Active entries are never evicted, so the pointers of the first list are still the
         // entries they named.
