@@ -192,17 +192,17 @@ expect_json()
 # alive PID: the process still runs.
 alive() { kill -0 "$1" 2>/dev/null; }
 
-# exit_status PID SECONDS: waits for a child of this shell and prints its exit status.
-exit_status()
+# wait_exit PID SECONDS: waits for a child of this shell to end; its exit status in EXIT_STATUS.
+# (Not in a command substitution: a subshell cannot wait for its parent's children.)
+wait_exit()
 {
     local deadline=$((SECONDS + $2))
     while alive "$1"; do
         [ $SECONDS -lt $deadline ] || fail "process $1 still runs after $2 s"
         sleep 0.1
     done
-    local status=0
-    wait "$1" || status=$?
-    echo "$status"
+    EXIT_STATUS=0
+    wait "$1" || EXIT_STATUS=$?
 }
 
 # find_line FILE JQ_FILTER: the number of the first line of FILE that satisfies the filter.
