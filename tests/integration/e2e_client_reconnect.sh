@@ -12,11 +12,7 @@ wait_ready 20
 # The cache before any client: one router, two networks, two DNS servers.
 send_ra fe80::a lifetime=600 reachable=20000 retrans=500 flags=O \
     prefix=2001:db8:1::/64,3600,1800 prefix=2001:db8:2::/64,7200,3600,L rdnss=600,2001:db8::53,2001:db8::54
-deadline=$((SECONDS + 10))
-until "$SOLICCTL" show "$DAEMON_MBOX" | grep -q '^DNS Servers:{config: {index: 0, address: 2001:db8::53'; do
-    [ $SECONDS -lt $deadline ] || fail "the RA did not reach the cache"
-    sleep 0.1
-done
+wait_show '^DNS Servers:{config: {index: 0, address: 2001:db8::53' 10
 
 # expect_whole_cache FILE PREFIXES...: router, one network per prefix (by id), the DNS list.
 expect_whole_cache()
@@ -55,11 +51,7 @@ wait "$WATCH_PID" 2>/dev/null || true
 send_ra fe80::a lifetime=600 reachable=20000 retrans=500 flags=O \
     prefix=2001:db8:1::/64,3600,1800 prefix=2001:db8:2::/64,7200,3600,L prefix=2001:db8:3::/64,900,300 \
     rdnss=600,2001:db8::53,2001:db8::54
-deadline=$((SECONDS + 10))
-until "$SOLICCTL" show "$DAEMON_MBOX" | grep -q 'prefix: 2001:db8:3::, prefixLength: 64, validLifetime: 900'; do
-    [ $SECONDS -lt $deadline ] || fail "the second RA did not reach the cache"
-    sleep 0.1
-done
+wait_show 'prefix: 2001:db8:3::, prefixLength: 64, validLifetime: 900' 10
 alive "$SOLICD_PID" || fail "solicd ended while the client was away"
 
 start_watch second

@@ -51,7 +51,7 @@ expect_json "$out" "$n" '.status.deprecatedCount == 1 and .status.expiredCount =
 expect_json "$out" $((n + 1)) '.kind == "network_updated" and .prefix == "2001:db8:2::" and .status.state == "STATE_NEW"' \
     "the next active network right after the expired one"
 no_line "$out" '.status.state == "STATE_DEPRECATED"' "a deprecation is not forwarded"
-"$SOLICCTL" show "$DAEMON_MBOX" | grep -q 'prefix: 2001:db8:1::, .*state: STATE_EXPIRED' ||
+show_has 'prefix: 2001:db8:1::, .*state: STATE_EXPIRED' ||
     fail "the cache does not show the short prefix expired"
 
 # DNS server 55 is withdrawn by lifetime 0: the new active set, 53 alone.
@@ -60,7 +60,7 @@ send_ra fe80::b lifetime=600 prefix=2001:db8:2::/64,3600,1800 rdnss=0,2001:db8::
 n=$(wait_json "$out" '.kind == "dns_servers_updated" and [.servers[] | .address] == ["2001:db8::53"]' 10) ||
     fail "no DNS list after lifetime 0"
 [ "$n" -gt "$before" ] || fail "DNS list came before the RA with lifetime 0"
-"$SOLICCTL" show "$DAEMON_MBOX" | grep -q 'address: 2001:db8::55, lifetime: 0}, status: {id: [0-9]*, state: STATE_INVALIDATED' ||
+show_has 'address: 2001:db8::55, lifetime: 0}, status: {id: [0-9]*, state: STATE_INVALIDATED' ||
     fail "the cache does not show DNS server 55 invalidated"
 
 alive "$SOLICD_PID" || fail "solicd ended"

@@ -83,7 +83,7 @@ quiet_if()
 # link_local NS IF: the interface's link-local address.
 link_local()
 {
-    ip -n "$1" -6 -o addr show dev "$2" scope link | awk '{print $4}' | cut -d/ -f1 | head -n 1
+    ip -n "$1" -6 -o addr show dev "$2" scope link | awk 'NR == 1 { split($4, a, "/"); print a[1] }'
 }
 
 # lab_up: RTR and HOST joined by IR-IH, both ends up with a usable link-local address, forwarding
@@ -150,6 +150,23 @@ wait_ready()
     done
 }
 
+# show_has REGEX: solicd's show-cache answer has a line matching the basic regular expression.
+# (The answer is read whole first: a reader that stops early would break solicctl's pipe.)
+show_has()
+{
+    "$SOLICCTL" show "$DAEMON_MBOX" >"$WORK/show.last" 2>&1 && grep -q -- "$1" "$WORK/show.last"
+}
+
+# wait_show REGEX SECONDS: until the show-cache answer has a matching line.
+wait_show()
+{
+    local deadline=$((SECONDS + $2))
+    until show_has "$1"; do
+        [ $SECONDS -lt $deadline ] || fail "not in the show-cache answer within $2 s: $1"
+        sleep 0.1
+    done
+}
+
 # start_watch NAME [ARGS...]: `solicctl watch CLIENT_MBOX --json` in the background, output in
 # NAME.out; returns once its mailbox exists. Sets WATCH_PID.
 start_watch()
@@ -161,7 +178,7 @@ start_watch()
     PIDS+=("$WATCH_PID")
     local i
     for i in $(seq 1 50); do
-        "$SOLICCTL" ls 2>/dev/null | grep -Fqx "$CLIENT_MBOX" && return 0
+        grep -Fqx "$CLIENT_MBOX" <<<"$("$SOLICCTL" ls 2>/dev/null)" && return 0
         sleep 0.1
     done
     fail "the client mailbox $CLIENT_MBOX did not appear"

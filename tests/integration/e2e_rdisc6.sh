@@ -24,7 +24,7 @@ listen()
     PIDS+=("$RDISC6_PID")
     local i
     for i in $(seq 1 50); do
-        ip netns exec "$HOST" ss -H -w -a -p 2>/dev/null | grep -q '"rdisc6"' && return 0
+        grep -q '"rdisc6"' <<<"$(ip netns exec "$HOST" ss -H -w -a -p 2>/dev/null)" && return 0
         sleep 0.1
     done
     fail "rdisc6 did not open its socket"
@@ -43,7 +43,7 @@ rdisc6_view()
     while IFS= read -r line; do
         key=$(sed -E 's/^ *//; s/ *:.*//' <<<"$line")
         value=$(sed -E 's/^[^:]*: *//' <<<"$line")
-        num=$(grep -oE '0x[0-9a-f]+' <<<"$value" | head -n 1 || true)
+        num=$(grep -oE -m1 '0x[0-9a-f]+' <<<"$value" || true)
         [ -z "$num" ] || num=$((num))
         case "$key" in
             "Stateful address conf.") [ "$value" = Yes ] && managed=1 ;;
@@ -109,7 +109,7 @@ send_ra fe80::a flags=M lifetime=1234 reachable=23456 retrans=789 \
     prefix=2001:db8:14::/48,3600,1800 rdnss=900,2001:db8:1::53,2001:db8:1::54 rdnss=inf,2001:db8:1::55
 compare crafted 2001:db8:1 2001:db8:1::55 fe80::a
 grep -q '^prefix 2001:db8:14::/48 ' <(rdisc6_view "$WORK/crafted.rdisc6.out") || fail "rdisc6 did not show the /48"
-"$SOLICCTL" show "$DAEMON_MBOX" | grep -q 'prefixAccepted: 3, prefixIgnored: 1}' ||
+show_has 'prefixAccepted: 3, prefixIgnored: 1}' ||
     fail "solicd did not count the /48 as ignored"
 
 # ---- radvd's RA (its first one, sent as it starts).

@@ -22,7 +22,7 @@ for sig in HUP QUIT; do
     send_ra fe80::a lifetime=600 prefix=2001:db8:1::/64,3600,1800 "prefix=2001:db8:$n::/64,3600,1800"
     wait_json "$out" ".kind == \"network_updated\" and .prefix == \"2001:db8:$n::\"" 10 >/dev/null ||
         fail "no RA forwarded after SIG$sig"
-    "$SOLICCTL" show "$DAEMON_MBOX" | grep -q "^{config: {prefix: 2001:db8:$n::," ||
+    show_has "^{config: {prefix: 2001:db8:$n::," ||
         fail "show-cache after SIG$sig"
     n=$((n + 1))
 done
