@@ -7,7 +7,10 @@ command -v c++ >/dev/null || { echo "skipped: no C++ compiler"; exit 77; }
 
 awk '/^```cpp$/ { f = 1; next } /^```$/ { f = 0 } f' "$SOLICD_SRC/docs/client-protocol.md" >"$WORK/subscriber.cpp"
 [ -s "$WORK/subscriber.cpp" ] || fail "no example in docs/client-protocol.md"
-c++ -std=c++20 -Wall -Wextra -Werror -I"$SOLICD_SRC/types" -I"$SOLICD_SRC/platform/lmx" "$WORK/subscriber.cpp" \
+# A sanitizer build's libraries need the sanitizers in the program too.
+sanitize=()
+grep -q '^SOLICD_SANITIZE:BOOL=ON$' "$SOLICD_BUILD/CMakeCache.txt" && sanitize=(-fsanitize=address,undefined)
+c++ -std=c++20 -Wall -Wextra -Werror "${sanitize[@]}" -I"$SOLICD_SRC/types" -I"$SOLICD_SRC/platform/lmx" "$WORK/subscriber.cpp" \
     -L"$SOLICD_BUILD/lib" -lsoltypes -llmx -Wl,-rpath,"$SOLICD_BUILD/lib" -o "$WORK/subscriber" \
     >"$WORK/compile.out" 2>&1 || fail "the example does not compile"
 
