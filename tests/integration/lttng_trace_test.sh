@@ -37,7 +37,9 @@ if ! pgrep -x lttng-sessiond >/dev/null; then
 fi
 
 lttng create "$session" --output="$workdir/trace" >/dev/null
-lttng enable-event --userspace 'com_orvane_kt_solicd:*' --session="$session" >/dev/null
+# Other tests may be tracing at the same time: record only the emitter.
+lttng enable-event --userspace 'com_orvane_kt_solicd:*' --session="$session" \
+    --filter '$ctx.procname == "trace_emitter"' >/dev/null
 lttng start "$session" >/dev/null
 # The provider registers with the session daemon before main; allow a loaded machine time for it.
 LTTNG_UST_REGISTER_TIMEOUT=20000 "$emitter"
