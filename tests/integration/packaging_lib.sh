@@ -24,13 +24,7 @@ need_tools() {
 }
 
 work=$(mktemp -d /tmp/solicd-packaging.XXXXXX)
-cleanup_hooks=()
-cleanup() {
-    local hook
-    for hook in "${cleanup_hooks[@]}"; do eval "$hook" || true; done
-    rm -rf "$work"
-}
-trap cleanup EXIT
+trap 'rm -rf "$work"' EXIT
 
 # A value from the build's CMake cache, e.g. CMAKE_INSTALL_PREFIX.
 cache_var() {
