@@ -18,6 +18,9 @@
 namespace solicd {
 
 inline constexpr size_t kMessageBufferSize = 1024;
+// A solicitation cycle: at most this many RS, this many ms apart.
+inline constexpr uint32_t kRsMaxCount = 3;
+inline constexpr uint32_t kRsRetryInterval = 4000;
 
 class SocketMgr {
 public:
@@ -59,7 +62,8 @@ public:
     // Drives Router Solicitation: up to three, 4 s apart, until an RA answers.
     class RsTimeout : public SolTimeout {
     public:
-        RsTimeout();
+        // The interval is a seam for tests only; the daemon always uses kRsRetryInterval.
+        explicit RsTimeout(uint32_t retryInterval = kRsRetryInterval);
         void cbExpired() override;
         // Builds and sends one solicitation; true when it was sent.
         bool dispatchRs();
@@ -68,9 +72,12 @@ public:
         bool m_soliciting = false;
         bool m_raReceived = false;
         SocketMgr* m_owner = nullptr;
+
+    private:
+        uint32_t m_retryInterval;
     };
 
-    SocketMgr();
+    explicit SocketMgr(uint32_t rsRetryInterval = kRsRetryInterval);
     virtual ~SocketMgr();
     SocketMgr(const SocketMgr&) = delete;
     SocketMgr& operator=(const SocketMgr&) = delete;
@@ -92,6 +99,13 @@ public:
     const std::string& getIfName() const { return m_ifName; }
     const std::string& getNs() const { return m_ns; }
     RsTimeout& getRsTimeout() { return m_rsTimeout; }
+    // Where the first solicitation's random delay comes from; tests point it at a missing file.
+    void setRandomSource(const std::string& path) { m_randomSource = path; }
+
+protected:
+    // For test doubles standing in for init: takes over a socket that is already set up and the
+    // names init would have stored.
+    void adoptSocket(UniqueFd socket, const std::string& ns, const std::string& ifName);
 
 private:
     RsTimeout m_rsTimeout;
@@ -103,7 +117,17 @@ private:
     IfConfig m_ifConfig{};
     SolCounter<sol_socket_counters_t> m_counters;
     UniqueFd m_netlink;
+    std::string m_randomSource = "/dev/urandom";
 };
+
+// Resolves an interface index into a name buffer of IF_NAMESIZE bytes; if_indextoname's contract.
+using IfIndexToName = char* (*)(unsigned ifindex, char* name);
+
+// Walks the route-netlink messages of one received datagram. True when one of them announces a
+// permanent fe80::/10 address on `ifName`; `lladdr` then holds it with the interface index as
+// scope. Unusable messages are traced and skipped; nothing is read beyond `length`.
+bool findLinkLocalInNetlink(const uint8_t* data, size_t length, const std::string& ifName,
+                            IfIndexToName resolve, struct sockaddr_in6& lladdr);
 
 // Text forms used in the socket's trace lines and the interface configuration line.
 std::ostream& printMessageState(std::ostream& os, uint32_t state);  // "{ no: 1, txt: MSG_STATE_RX_OK}"

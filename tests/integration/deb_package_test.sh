@@ -29,7 +29,7 @@ for script in postinst prerm postrm; do
     sh -n "$work/control/$script" || fail "$script is not valid sh"
 done
 grep -qx 'activate-noawait ldconfig' "$work/control/triggers" || fail "the package does not trigger ldconfig"
-for lib in soltypes restart solicd-tp $(have_lmx && echo lmx); do
+for lib in soltypes restart solicd-tp lmx; do
     grep -qx "lib$lib 0 solicd (= $version)" "$work/control/shlibs" || fail "shlibs lacks lib$lib"
 done
 

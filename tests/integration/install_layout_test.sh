@@ -24,8 +24,7 @@ systemd-tmpfiles --root="$root" --create solicd.conf || fail "systemd-tmpfiles r
     fail "/run/lmx is $(stat -c '%a %U %G %F' "$root/run/lmx"), expected mode 770, root:root"
 
 # A client of the staged headers, through the .pc files relocated to the staging prefix.
-modules=(soltypes)
-have_lmx && modules+=(lmx)
+modules=(soltypes lmx)
 export PKG_CONFIG_PATH="$root$prefix/$libdir/pkgconfig"
 pc=(pkg-config --define-variable=prefix="$root$prefix")
 for m in "${modules[@]}"; do
@@ -45,9 +44,7 @@ cat >"$work/client.cpp" <<'EOF'
 #ifdef WITH_SOLIF
 #include <SolIf.h>
 #endif
-#ifdef WITH_LMX
 #include <lmx.h>
-#endif
 
 int main() {
     solicd::SolRouter::Config router;
@@ -59,9 +56,14 @@ int main() {
 #ifdef WITH_SOLIF
     std::printf("%s\n", solifMsgNoToCstr(SOLIF_ROUTER_UPDATED_IND));
 #endif
-#ifdef WITH_LMX
-    std::printf("%s\n", lmx_get_max_size() > 0 ? "lmx" : "no lmx");
-#endif
+    // A mailbox of the installed service, found again by name.
+    if (lmx_init(1, nullptr) != 0) {
+        std::perror("lmx_init");
+        return 1;
+    }
+    const lmx_mbox_id_t id = lmx_create_mailbox("pkg-config-client", 0);
+    std::printf("%s %s\n", lmx_name(id), lmx_locate("pkg-config-client") == id ? "located" : "lost");
+    lmx_exit();
     return 0;
 }
 EOF
@@ -71,14 +73,11 @@ if have_solif; then
     defines+=(-DWITH_SOLIF)
     expected+=$'\nsolif_router_updated_ind_t'
 fi
-if have_lmx; then
-    defines+=(-DWITH_LMX)
-    expected+=$'\nlmx'
-fi
+expected+=$'\npkg-config-client located'
 # shellcheck disable=SC2086 # the flags are words
 g++ -std=c++20 -Wall -Werror "${defines[@]}" "$work/client.cpp" -o "$work/client" $flags ||
     fail "a client does not compile against the installed headers with: $flags"
-out=$(LD_LIBRARY_PATH="$root$prefix/$libdir" "$work/client") || fail "the client does not run"
+out=$(LMX_DIR="$work/lmx" LD_LIBRARY_PATH="$root$prefix/$libdir" "$work/client") || fail "the client does not run"
 [ "$out" = "$expected" ] || fail "client printed '$out', expected '$expected'"
 
 echo "PASS: make install laid out $(expected_install_files | wc -l) files under DESTDIR$prefix;" \

@@ -36,10 +36,9 @@ libdir=$(cache_var CMAKE_INSTALL_LIBDIR)
 [ -n "$prefix" ] && [ -n "$libdir" ] || fail "no install locations in $SOLICD_BUILD/CMakeCache.txt"
 version=$(sed -n 's/^CMAKE_PROJECT_VERSION:[A-Z]*=//p' "$SOLICD_BUILD/CMakeCache.txt")
 
-# Built so far: the daemon, the client and the mailbox library land at different times.
+# Built so far: the daemon and the client land at different times.
 have_solicd() { [ -x "$SOLICD_BUILD/bin/solicd" ]; }
 have_solicctl() { [ -x "$SOLICD_BUILD/bin/solicctl" ]; }
-have_lmx() { [ -e "$SOLICD_BUILD/lib/liblmx.so" ]; }
 have_solif() { [ -e "$SOLICD_SRC/types/SolIf.h" ]; }
 
 # Every file (and symbolic link) an install lays out, relative to the prefix, sorted.
@@ -49,7 +48,7 @@ expected_install_files() {
         have_solicd && echo sbin/solicd
         have_solicctl && echo bin/solicctl
         echo bin/solicd-trace
-        for lib in soltypes restart solicd-tp $(have_lmx && echo lmx); do
+        for lib in soltypes restart solicd-tp lmx; do
             echo "$libdir/lib$lib.so"
             echo "$libdir/lib$lib.so.0"
             echo "$libdir/lib$lib.so.$version"
@@ -59,7 +58,7 @@ expected_install_files() {
         echo include/solicd/lmx.h
         echo include/solicd/orv_restart.h
         echo "$libdir/pkgconfig/soltypes.pc"
-        have_lmx && echo "$libdir/pkgconfig/lmx.pc"
+        echo "$libdir/pkgconfig/lmx.pc"
         echo share/man/man8/solicd.8.gz
         echo share/man/man1/solicctl.1.gz
         echo lib/systemd/system/solicd@.service
@@ -93,7 +92,7 @@ check_layout() {
 # Each library's soname is lib<name>.so.0, and no installed ELF file looks into the build tree.
 check_elf() {
     local root=$1 lib soname f
-    for lib in soltypes restart solicd-tp $(have_lmx && echo lmx); do
+    for lib in soltypes restart solicd-tp lmx; do
         soname=$(readelf -d "$root$prefix/$libdir/lib$lib.so.$version" | sed -n 's/.*Library soname: \[\(.*\)\]/\1/p')
         [ "$soname" = "lib$lib.so.0" ] || fail "lib$lib has soname '$soname', expected lib$lib.so.0"
     done

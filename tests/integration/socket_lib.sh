@@ -1,0 +1,125 @@
+# Shared by the socket integration tests (sourced): root check, a two-namespace veth lab with
+# names unique to this run, background processes, cleanup, and checks on the driver's output.
+# KEEP_WORK=1 keeps the scratch directory (driver output, captures) for a look afterwards.
+set -euo pipefail
+
+if [ "$(id -u)" -ne 0 ]; then
+    echo "skipped: needs root to create network namespaces and raw sockets"
+    exit 77
+fi
+for tool in ip tshark; do
+    command -v "$tool" >/dev/null || { echo "skipped: $tool is not installed (scripts/install-deps)"; exit 77; }
+done
+
+BIN=${SOLICD_BUILD:?SOLICD_BUILD not set}/bin
+DRIVER=$BIN/socket_driver
+SENDER=$BIN/icmp6_sender
+[ -x "$DRIVER" ] && [ -x "$SENDER" ] || { echo "FAIL: build the socket_driver and icmp6_sender first"; exit 1; }
+
+# Short unique suffix: interface names must stay within 15 characters.
+RUN=$(printf '%x%x' $$ $((RANDOM % 256)))
+WORK=$(mktemp -d /tmp/solicd-socket.XXXXXX)
+NAMESPACES=()
+PIDS=()
+EXTRA_FILES=()
+
+cleanup()
+{
+    local pid
+    for pid in "${PIDS[@]}"; do
+        kill "$pid" 2>/dev/null || true
+    done
+    for pid in "${PIDS[@]}"; do
+        wait "$pid" 2>/dev/null || true
+    done
+    local ns
+    for ns in "${NAMESPACES[@]}"; do
+        ip netns del "$ns" 2>/dev/null || true
+    done
+    rm -f "${EXTRA_FILES[@]}"
+    [ -n "${KEEP_WORK:-}" ] || rm -rf "$WORK"
+}
+trap cleanup EXIT
+
+fail()
+{
+    echo "FAIL: $*"
+    local f
+    for f in "$WORK"/*.out; do
+        [ -e "$f" ] || continue
+        echo "---- $f"
+        tail -n 60 "$f"
+    done
+    exit 1
+}
+
+# new_ns NAME: a namespace whose interfaces send no Router Solicitations of their own, so that
+# every RS on the link is the driver's.
+new_ns()
+{
+    ip netns add "$1"
+    NAMESPACES+=("$1")
+    ip -n "$1" link set lo up
+    ip netns exec "$1" sysctl -qw net.ipv6.conf.default.router_solicitations=0
+    ip netns exec "$1" sysctl -qw net.ipv6.conf.all.router_solicitations=0
+}
+
+# veth NS_A IF_A NS_B IF_B: one link between two namespaces, both ends down.
+veth()
+{
+    ip link add "$2" netns "$1" type veth peer name "$4" netns "$3"
+}
+
+# wait_dad NS IF: until the interface has a link-local address that is no longer tentative.
+wait_dad()
+{
+    local i
+    for i in $(seq 1 100); do
+        if ip -n "$1" -6 addr show dev "$2" scope link | grep -q 'inet6' &&
+            ! ip -n "$1" -6 addr show dev "$2" | grep -q tentative; then
+            return 0
+        fi
+        sleep 0.1
+    done
+    fail "no usable link-local address on $2 in $1"
+}
+
+# start_driver NAME ARGS...: the driver in the background, its output in $WORK/NAME.out; it is
+# killed after a minute whatever happens (the netlink wait has no time limit of its own).
+start_driver()
+{
+    local name=$1
+    shift
+    : >"$WORK/$name.out"
+    timeout -k 2 60 "$DRIVER" "$@" >>"$WORK/$name.out" 2>&1 &
+    PIDS+=($!)
+    LAST_PID=$!
+}
+
+# trace_line EVENT CATEGORY MESSAGE: the driver's line for one trace.
+trace_line() { printf 'T\t%s\t%s\t%s' "$1" "$2" "$3"; }
+
+# has_line FILE LINE: the exact line is in the file.
+has_line() { grep -Fqx -- "$2" "$1"; }
+
+# wait_line FILE LINE SECONDS: until the exact line appears.
+wait_line()
+{
+    local deadline=$((SECONDS + $3))
+    while ! has_line "$1" "$2"; do
+        [ $SECONDS -lt $deadline ] || fail "not seen within $3 s in $1: $2"
+        sleep 0.1
+    done
+}
+
+# expect_trace FILE EVENT CATEGORY MESSAGE
+expect_trace()
+{
+    has_line "$1" "$(trace_line "$2" "$3" "$4")" || fail "missing in $1: $2 $3 \"$4\""
+}
+
+# count_lines FILE LINE
+count_lines() { grep -Fxc -- "$2" "$1" || true; }
+
+# mac NS IF
+mac() { ip -n "$1" link show dev "$2" 2>/dev/null | awk '/link\/ether/ {print $2}'; }

@@ -1,0 +1,838 @@
+// The mailbox service between real processes: each test has its own mailbox directory; peers
+// are forked children driven over pipes.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "LmxProcess.h"
+#include "lmx.h"
+#include "lmx_wire.h"
+
+using namespace solicd::test;
+
+namespace {
+
+constexpr uint32_t kPing = 0x1a11633;  // any number: the service does not look inside
+constexpr const char* kMe = "me";
+constexpr const char* kPeer = "peer";
+
+// Every byte after the message number depends on its offset and the message size, so a
+// misplaced or missing fragment shows.
+void fillPattern(void* msg, size_t size) {
+    auto* bytes = static_cast<uint8_t*>(msg);
+    for (size_t i = sizeof(uint32_t); i < size; ++i) {
+        bytes[i] = static_cast<uint8_t>(i * 131 + size);
+    }
+}
+
+bool hasPattern(const void* msg, size_t size) {
+    const auto* bytes = static_cast<const uint8_t*>(msg);
+    for (size_t i = sizeof(uint32_t); i < size; ++i) {
+        if (bytes[i] != static_cast<uint8_t>(i * 131 + size)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+LmxMessage patterned(size_t size, uint32_t no = kPing) {
+    LmxMessage msg(lmx_alloc(size, no));
+    if (msg != nullptr) {
+        fillPattern(msg.get(), size);
+    }
+    return msg;
+}
+
+// A peer process with mailbox `name`, created at once or on command. Commands from the test:
+//   'c' create the mailbox (answers 'r'), 'd' delete it (answers 'd'),
+//   's' send one ping to "me" (answers 's'),
+//   'e' take one message and send it back to its sender (answers 'e'),
+//   'v' the same after checking its pattern (answers 'v'),
+//   'q' or the test's end: end cleanly. Any failure answers 'x'.
+// Between commands it keeps the service working, as an application's main loop would, so its
+// queued output drains; messages that arrive meanwhile wait for the next 'e' or 'v'.
+int runPeer(Child& test, const std::string& name, bool createNow) {
+    if (lmx_init(1, nullptr) != 0) {
+        return 10;
+    }
+    std::deque<LmxMessage> arrived;
+    const auto nextCommand = [&] {
+        for (;;) {
+            pollfd fds[2] = {{test.input(), POLLIN, 0}, {lmx_get_fd(), POLLIN, 0}};
+            ::poll(fds, 2, -1);
+            if (fds[0].revents != 0) {
+                return test.listen();
+            }
+            if (LmxMessage msg{lmx_receive(nullptr, 0, LMX_ANY_SENDER)}) {
+                arrived.push_back(std::move(msg));
+            }
+        }
+    };
+    const auto nextMessage = [&] {
+        if (arrived.empty()) {
+            return receiveWithinGuard();
+        }
+        LmxMessage msg = std::move(arrived.front());
+        arrived.pop_front();
+        return msg;
+    };
+    lmx_mbox_id_t self = LMX_INVALID_ID;
+    const auto create = [&] {
+        self = lmx_create_mailbox(name.c_str(), 0);
+        return self != LMX_INVALID_ID;
+    };
+    if (createNow) {
+        test.say(create() ? 'r' : 'x');
+    }
+    for (;;) {
+        switch (const char command = nextCommand()) {
+            case 'c':
+                test.say(create() ? 'r' : 'x');
+                break;
+            case 'd':
+                test.say(lmx_delete_mailbox(self) == 0 ? 'd' : 'x');
+                break;
+            case 's': {
+                const lmx_mbox_id_t to = lmx_locate(kMe);
+                test.say(to != LMX_INVALID_ID && lmx_send(lmx_alloc(4, kPing), to, self) == 0 ? 's' : 'x');
+                break;
+            }
+            case 'e':
+            case 'v': {
+                LmxMessage msg = nextMessage();
+                bool ok = msg != nullptr && (command == 'e' || hasPattern(msg.get(), lmx_size(msg.get())));
+                const lmx_mbox_id_t to = lmx_sender(msg.get());
+                ok = ok && lmx_send(msg.release(), to, self) == 0;
+                test.say(ok ? command : 'x');
+                break;
+            }
+            case 'q':
+            case 0:
+                lmx_exit();
+                return 0;
+            default:
+                return 12;
+        }
+    }
+}
+
+// Starts a peer that creates its mailbox at once.
+std::unique_ptr<Child> startPeer(const std::string& name = kPeer) {
+    auto child = std::make_unique<Child>([name](Child& test) { return runPeer(test, name, true); });
+    EXPECT_EQ(child->listen(), 'r');
+    return child;
+}
+
+// A socket connected to mailbox `name` the way no well-behaved peer would use it.
+int rawConnect(const std::string& path) {
+    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+bool rawSend(int fd, const std::vector<uint8_t>& packet) {
+    return ::send(fd, packet.data(), packet.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(packet.size());
+}
+
+std::vector<uint8_t> helloFrom(const std::string& name) {
+    const lmx::Hello hello = lmx::encodeHello(lmx::LinkKind::Data, name);
+    return std::vector<uint8_t>(hello.bytes.begin(), hello.bytes.begin() + hello.size);
+}
+
+std::vector<uint8_t> fragment(uint32_t total, uint32_t offset, size_t payload) {
+    std::vector<uint8_t> packet(lmx::kFragmentHeaderSize + payload, 0x11);
+    std::memcpy(packet.data(), &total, 4);
+    std::memcpy(packet.data() + 4, &offset, 4);
+    return packet;
+}
+
+// Lets the service work until it has closed `raw`; false if it never does.
+bool closedByService(int raw) {
+    for (;;) {
+        LmxMessage msg(lmx_receive(nullptr, 0, LMX_ANY_SENDER));
+        if (msg != nullptr) {
+            return false;  // nothing of a broken connection may come through
+        }
+        char byte;
+        if (readable(raw) && ::recv(raw, &byte, 1, MSG_DONTWAIT) == 0) {
+            return true;
+        }
+        if (!readable(lmx_get_fd(), kGuardMs)) {
+            return false;
+        }
+    }
+}
+
+class LmxServiceTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char root[] = "/tmp/lmx-test.XXXXXX";
+        ASSERT_NE(::mkdtemp(root), nullptr);
+        m_root = root;
+        m_dir = m_root + "/mbox";
+        ::setenv("LMX_DIR", m_dir.c_str(), 1);
+    }
+    void TearDown() override {
+        lmx_exit();
+        std::filesystem::remove_all(m_root);
+        ::unsetenv("LMX_DIR");
+    }
+
+    // The test process as mailbox "me".
+    lmx_mbox_id_t startAsMe() {
+        EXPECT_EQ(lmx_init(1, nullptr), 0);
+        const lmx_mbox_id_t me = lmx_create_mailbox(kMe, 0);
+        EXPECT_NE(me, LMX_INVALID_ID);
+        return me;
+    }
+    std::string path(const std::string& name) const { return m_dir + "/" + name; }
+    ino_t inode(const std::string& name) const {
+        struct stat st {};
+        return ::lstat(path(name).c_str(), &st) == 0 ? st.st_ino : 0;
+    }
+    bool isSocketFile(const std::string& name) const {
+        struct stat st {};
+        return ::lstat(path(name).c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
+    }
+    std::vector<std::string> files() const {
+        std::vector<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(m_dir)) {
+            names.push_back(entry.path().filename());
+        }
+        return names;
+    }
+
+    std::string m_root;
+    std::string m_dir;
+};
+
+}  // namespace
+
+TEST_F(LmxServiceTest, DirectoryIs0770AndSocketFiles0660WhateverTheUmask) {
+    const mode_t old = ::umask(077);
+    ASSERT_EQ(lmx_init(1, nullptr), 0);
+    ASSERT_NE(lmx_create_mailbox(kMe, 0), LMX_INVALID_ID);
+    ::umask(old);
+    struct stat st {};
+    ASSERT_EQ(::stat(m_dir.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(st.st_mode & 07777, 0770u);
+    ASSERT_EQ(::lstat(path(kMe).c_str(), &st), 0);
+    EXPECT_TRUE(S_ISSOCK(st.st_mode));
+    EXPECT_EQ(st.st_mode & 07777, 0660u);
+}
+
+TEST_F(LmxServiceTest, OperationsBeforeInitFailAndInitIsOnceWithoutOptions) {
+    errno = 0;
+    EXPECT_EQ(lmx_get_fd(), -1);
+    EXPECT_EQ(errno, EPERM);
+    EXPECT_EQ(lmx_create_mailbox(kMe, 0), LMX_INVALID_ID);
+    EXPECT_EQ(lmx_send(lmx_alloc(4, kPing), 1, 1), -1);  // and the message is freed (ASan)
+    const int options = 0;
+    EXPECT_EQ(lmx_init(1, &options), -1);
+    EXPECT_EQ(errno, EINVAL);
+    ASSERT_EQ(lmx_init(1, nullptr), 0);
+    EXPECT_GE(lmx_get_fd(), 0);
+    EXPECT_EQ(lmx_init(1, nullptr), -1);
+    EXPECT_EQ(errno, EALREADY);
+}
+
+TEST_F(LmxServiceTest, BuffersAreZeroedNumberedAndBoundedByTheMaximumSize) {
+    EXPECT_EQ(lmx_get_max_size(), 1024u * 1024u);
+    LmxMessage msg(lmx_alloc(lmx_get_max_size(), kPing));
+    ASSERT_NE(msg, nullptr);
+    EXPECT_EQ(lmx_msgno(msg.get()), kPing);
+    EXPECT_EQ(lmx_size(msg.get()), lmx_get_max_size());
+    const auto* bytes = static_cast<const uint8_t*>(msg.get());
+    EXPECT_TRUE(std::all_of(bytes + 4, bytes + lmx_get_max_size(), [](uint8_t b) { return b == 0; }));
+    EXPECT_EQ(lmx_alloc(lmx_get_max_size() + 1, kPing), nullptr);
+    EXPECT_EQ(errno, EMSGSIZE);
+    EXPECT_EQ(lmx_alloc(3, kPing), nullptr);
+    EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(LmxServiceTest, ReceiveWithTimeoutZeroGivesNullAndEagain) {
+    startAsMe();
+    errno = 0;
+    EXPECT_EQ(lmx_receive(nullptr, 0, LMX_ANY_SENDER), nullptr);
+    EXPECT_EQ(errno, EAGAIN);
+    errno = 0;
+    EXPECT_EQ(lmx_receive(nullptr, 1, LMX_ANY_SENDER), nullptr);
+    EXPECT_EQ(errno, ETIMEDOUT);
+}
+
+TEST_F(LmxServiceTest, InvalidNamesAreRefusedByEveryOperation) {
+    ASSERT_EQ(lmx_init(1, nullptr), 0);
+    const std::string tooLong(101, 'n');
+    for (const char* name :
+         {"../x", "a/b", ".x", "", tooLong.c_str(), "a b", "..", static_cast<const char*>(nullptr)}) {
+        const std::string shown = name == nullptr ? "(null)" : name;
+        errno = 0;
+        EXPECT_EQ(lmx_create_mailbox(name, 0), LMX_INVALID_ID) << shown;
+        EXPECT_EQ(errno, EINVAL) << shown;
+        errno = 0;
+        EXPECT_EQ(lmx_locate(name), LMX_INVALID_ID) << shown;
+        EXPECT_EQ(errno, EINVAL) << shown;
+        errno = 0;
+        EXPECT_EQ(lmx_locate_async(name, nullptr, LMX_LOCATE_SENDER), -1) << shown;
+        EXPECT_EQ(errno, EINVAL) << shown;
+    }
+    EXPECT_TRUE(files().empty());
+    EXPECT_FALSE(std::filesystem::exists(m_root + "/x"));
+    EXPECT_EQ(lmx_receive(nullptr, 0, LMX_ANY_SENDER), nullptr);  // no answer was promised
+}
+
+TEST_F(LmxServiceTest, LongestNameCarriesMessagesBothWays) {
+    const std::string longest(LMX_NAME_MAX, 'L');
+    ASSERT_GT(path(longest).size(), sizeof(sockaddr_un::sun_path));  // longer than a socket address
+    auto peer = startPeer(longest);
+    const lmx_mbox_id_t me = startAsMe();
+    const lmx_mbox_id_t to = lmx_locate(longest.c_str());
+    ASSERT_NE(to, LMX_INVALID_ID);
+    EXPECT_STREQ(lmx_name(to), longest.c_str());
+    ASSERT_EQ(lmx_send(patterned(100).release(), to, me), 0);
+    peer->say('e');
+    ASSERT_EQ(peer->listen(), 'e');
+    LmxMessage back = receiveWithinGuard();
+    ASSERT_NE(back, nullptr);
+    EXPECT_EQ(lmx_sender(back.get()), to);
+    EXPECT_EQ(lmx_size(back.get()), 100u);
+    EXPECT_TRUE(hasPattern(back.get(), 100));
+}
+
+TEST_F(LmxServiceTest, IdsAreStablePerNameAndNeverZeroNorAllOnes) {
+    auto peer = startPeer();
+    const lmx_mbox_id_t me = startAsMe();
+    EXPECT_NE(me, 0u);
+    EXPECT_EQ(lmx_locate(kMe), me);
+    EXPECT_STREQ(lmx_name(me), kMe);
+    const lmx_mbox_id_t p = lmx_locate(kPeer);
+    EXPECT_NE(p, 0u);
+    EXPECT_NE(p, LMX_INVALID_ID);
+    EXPECT_NE(p, me);
+    EXPECT_EQ(lmx_locate(kPeer), p);
+    EXPECT_STREQ(lmx_name(p), kPeer);
+    EXPECT_EQ(lmx_name(0), nullptr);
+    EXPECT_EQ(lmx_name(LMX_INVALID_ID), nullptr);
+    // The same id again as the sender of a message and of a locate answer.
+    peer->say('s');
+    ASSERT_EQ(peer->listen(), 's');
+    LmxMessage ping = receiveWithinGuard();
+    ASSERT_NE(ping, nullptr);
+    EXPECT_EQ(lmx_msgno(ping.get()), kPing);
+    EXPECT_EQ(lmx_sender(ping.get()), p);
+    ASSERT_EQ(lmx_locate_async(kPeer, nullptr, LMX_LOCATE_SENDER), 0);
+    LmxMessage located = receiveWithinGuard();
+    ASSERT_NE(located, nullptr);
+    EXPECT_EQ(lmx_sender(located.get()), p);
+}
+
+TEST_F(LmxServiceTest, LocateAnswersAtOnceWhenThePeerIsLive) {
+    auto peer = startPeer();
+    startAsMe();
+    ASSERT_EQ(lmx_locate_async(kPeer, nullptr, LMX_LOCATE_SENDER), 0);
+    EXPECT_TRUE(readable(lmx_get_fd()));
+    LmxMessage answer(lmx_receive(nullptr, 0, LMX_ANY_SENDER));
+    ASSERT_NE(answer, nullptr);
+    EXPECT_EQ(lmx_msgno(answer.get()), LMX_LOCATE_DEFAULT_NO);
+    EXPECT_EQ(lmx_size(answer.get()), 4u);
+    EXPECT_EQ(lmx_sender(answer.get()), lmx_locate(kPeer));
+    EXPECT_FALSE(readable(lmx_get_fd()));
+}
+
+TEST_F(LmxServiceTest, LocateAnswersAsSoonAsThePeerAppears) {
+    Child peer([](Child& test) { return runPeer(test, kPeer, false); });
+    startAsMe();
+    errno = 0;
+    EXPECT_EQ(lmx_locate(kPeer), LMX_INVALID_ID);
+    EXPECT_EQ(errno, ENOENT);
+    ASSERT_EQ(lmx_locate_async(kPeer, nullptr, LMX_LOCATE_SENDER), 0);
+    ASSERT_EQ(lmx_locate_async(kPeer, nullptr, LMX_LOCATE_SENDER), 0);  // asked twice, answered twice
+    EXPECT_FALSE(readable(lmx_get_fd()));
+    EXPECT_EQ(lmx_receive(nullptr, 0, LMX_ANY_SENDER), nullptr);
+
+    peer.say('c');
+    ASSERT_EQ(peer.listen(), 'r');
+    ASSERT_TRUE(readable(lmx_get_fd(), kGuardMs));
+    for (int i = 0; i < 2; ++i) {
+        LmxMessage answer = receiveWithinGuard();
+        ASSERT_NE(answer, nullptr);
+        EXPECT_EQ(lmx_msgno(answer.get()), LMX_LOCATE_DEFAULT_NO);
+        EXPECT_EQ(lmx_sender(answer.get()), lmx_locate(kPeer));
+    }
+    EXPECT_EQ(lmx_receive(nullptr, 0, LMX_ANY_SENDER), nullptr);
+    EXPECT_FALSE(readable(lmx_get_fd()));
+}
+
+TEST_F(LmxServiceTest, LocateWaitsPastAStaleFileForTheNextOwner) {
+    {
+        auto dead = startPeer();
+        dead->kill(SIGKILL);
+        dead->wait();
+    }
+    ASSERT_TRUE(isSocketFile(kPeer));  // its owner could not remove it
+    startAsMe();
+    EXPECT_EQ(lmx_locate(kPeer), LMX_INVALID_ID);
+    ASSERT_EQ(lmx_locate_async(kPeer, nullptr, LMX_LOCATE_SENDER), 0);
+    EXPECT_EQ(lmx_receive(nullptr, 0, LMX_ANY_SENDER), nullptr);
+    auto next = startPeer();
+    LmxMessage answer = receiveWithinGuard();
+    ASSERT_NE(answer, nullptr);
+    EXPECT_EQ(lmx_msgno(answer.get()), LMX_LOCATE_DEFAULT_NO);
+    EXPECT_EQ(lmx_sender(answer.get()), lmx_locate(kPeer));
+}
+
+TEST_F(LmxServiceTest, MonitorReportsAPeerKilledBySigkill) {
+    auto peer = startPeer();
+    startAsMe();
+    const lmx_mbox_id_t p = lmx_locate(kPeer);
+    const uint32_t monitor = lmx_monitor(p, nullptr);
+    ASSERT_NE(monitor, 0u);
+    EXPECT_EQ(lmx_receive(nullptr, 0, LMX_ANY_SENDER), nullptr);
+    EXPECT_FALSE(readable(lmx_get_fd()));
+    peer->kill(SIGKILL);
+    peer->wait();
+    ASSERT_TRUE(readable(lmx_get_fd(), kGuardMs));
+    LmxMessage gone = receiveWithinGuard();
+    ASSERT_NE(gone, nullptr);
+    EXPECT_EQ(lmx_msgno(gone.get()), LMX_MONITOR_DEFAULT_NO);
+    EXPECT_EQ(lmx_sender(gone.get()), p);
+    EXPECT_EQ(lmx_unmonitor(monitor), 0);  // ended already: harmless
+}
+
+TEST_F(LmxServiceTest, MonitorReportsAPeerThatDeletesItsMailbox) {
+    auto peer = startPeer();
+    startAsMe();
+    const lmx_mbox_id_t p = lmx_locate(kPeer);
+    ASSERT_NE(lmx_monitor(p, nullptr), 0u);
+    peer->say('d');
+    ASSERT_EQ(peer->listen(), 'd');
+    LmxMessage gone = receiveWithinGuard();
+    ASSERT_NE(gone, nullptr);
+    EXPECT_EQ(lmx_msgno(gone.get()), LMX_MONITOR_DEFAULT_NO);
+    EXPECT_EQ(lmx_sender(gone.get()), p);
+    EXPECT_TRUE(peer->running());
+    EXPECT_FALSE(std::filesystem::exists(path(kPeer)));
+}
+
+TEST_F(LmxServiceTest, MonitorOfAMailboxAlreadyGoneAnswersAtOnce) {
+    auto peer = startPeer();
+    startAsMe();
+    const lmx_mbox_id_t p = lmx_locate(kPeer);
+    peer->kill(SIGKILL);
+    peer->wait();
+    ASSERT_NE(lmx_monitor(p, nullptr), 0u);
+    LmxMessage gone(lmx_receive(nullptr, 0, LMX_ANY_SENDER));
+    ASSERT_NE(gone, nullptr);
+    EXPECT_EQ(lmx_msgno(gone.get()), LMX_MONITOR_DEFAULT_NO);
+    EXPECT_EQ(lmx_sender(gone.get()), p);
+}
+
+TEST_F(LmxServiceTest, MonitorOfAnUnknownIdFails) {
+    startAsMe();
+    EXPECT_EQ(lmx_monitor(12345, nullptr), 0u);
+    EXPECT_EQ(lmx_monitor(LMX_INVALID_ID, nullptr), 0u);
+    EXPECT_EQ(lmx_unmonitor(0), -1);
+    EXPECT_EQ(lmx_unmonitor(77), -1);
+}
+
+TEST_F(LmxServiceTest, UnmonitorCancelsBeforeAndAfterTheAnswer) {
+    auto peer = startPeer();
+    startAsMe();
+    const lmx_mbox_id_t p = lmx_locate(kPeer);
+    const uint32_t monitor = lmx_monitor(p, nullptr);
+    ASSERT_NE(monitor, 0u);
+    EXPECT_EQ(lmx_unmonitor(monitor), 0);
+    peer->kill(SIGKILL);
+    peer->wait();  // the kernel closed its sockets before it could be reaped
+    EXPECT_EQ(lmx_receive(nullptr, 0, LMX_ANY_SENDER), nullptr);
+    EXPECT_FALSE(readable(lmx_get_fd()));
+
+    // An answer already waiting is withdrawn.
+    const uint32_t late = lmx_monitor(p, nullptr);
+    ASSERT_NE(late, 0u);
+    EXPECT_TRUE(readable(lmx_get_fd()));
+    EXPECT_EQ(lmx_unmonitor(late), 0);
+    EXPECT_FALSE(readable(lmx_get_fd()));
+    EXPECT_EQ(lmx_receive(nullptr, 0, LMX_ANY_SENDER), nullptr);
+}
+
+TEST_F(LmxServiceTest, StaleSocketFileIsReplaced) {
+    {
+        auto dead = startPeer();
+        dead->kill(SIGKILL);
+        dead->wait();
+    }
+    ASSERT_TRUE(isSocketFile(kPeer));
+    const ino_t stale = inode(kPeer);
+    ASSERT_EQ(lmx_init(1, nullptr), 0);
+    const lmx_mbox_id_t mine = lmx_create_mailbox(kPeer, 0);
+    ASSERT_NE(mine, LMX_INVALID_ID);
+    EXPECT_TRUE(isSocketFile(kPeer));
+    EXPECT_NE(inode(kPeer), stale);
+    // It is really ours now: a message sent to that name arrives here.
+    Child sender([](Child& test) {
+        lmx_init(1, nullptr);
+        const lmx_mbox_id_t self = lmx_create_mailbox("sender", 0);
+        const int rc = lmx_send(lmx_alloc(4, kPing), lmx_locate(kPeer), self);
+        test.listen(-1);
+        lmx_exit();
+        return rc == 0 ? 0 : 1;
+    });
+    LmxMessage ping = receiveWithinGuard();
+    ASSERT_NE(ping, nullptr);
+    EXPECT_STREQ(lmx_name(lmx_sender(ping.get())), "sender");
+}
+
+TEST_F(LmxServiceTest, LiveMailboxOfTheSameNameIsRefusedAndKeepsWorking) {
+    auto peer = startPeer();
+    const ino_t before = inode(kPeer);
+    ASSERT_EQ(lmx_init(2, nullptr), 0);
+    errno = 0;
+    EXPECT_EQ(lmx_create_mailbox(kPeer, 0), LMX_INVALID_ID);
+    EXPECT_EQ(errno, EADDRINUSE);
+    EXPECT_EQ(inode(kPeer), before);
+    const lmx_mbox_id_t me = lmx_create_mailbox(kMe, 0);
+    ASSERT_NE(me, LMX_INVALID_ID);
+    errno = 0;
+    EXPECT_EQ(lmx_create_mailbox(kMe, 0), LMX_INVALID_ID);  // nor twice in one process
+    EXPECT_EQ(errno, EADDRINUSE);
+    ASSERT_EQ(lmx_send(patterned(8).release(), lmx_locate(kPeer), me), 0);
+    peer->say('e');
+    ASSERT_EQ(peer->listen(), 'e');
+    EXPECT_NE(receiveWithinGuard(), nullptr);
+    // Hidden temporary names never stay behind.
+    for (const std::string& name : files()) {
+        EXPECT_NE(name.front(), '.') << name;
+    }
+}
+
+TEST_F(LmxServiceTest, NoMoreMailboxesThanAnnouncedAtInit) {
+    ASSERT_EQ(lmx_init(1, nullptr), 0);
+    ASSERT_NE(lmx_create_mailbox("a", 0), LMX_INVALID_ID);
+    errno = 0;
+    EXPECT_EQ(lmx_create_mailbox("b", 0), LMX_INVALID_ID);
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_FALSE(std::filesystem::exists(path("b")));
+}
+
+TEST_F(LmxServiceTest, DeleteAndExitRemoveSocketFilesAndReleaseEveryDescriptor) {
+    auto peer = startPeer();
+    const size_t baseline = openDescriptors();
+    ASSERT_EQ(lmx_init(2, nullptr), 0);
+    const lmx_mbox_id_t a = lmx_create_mailbox("a", 0);
+    const lmx_mbox_id_t b = lmx_create_mailbox("b", 0);
+    ASSERT_NE(b, LMX_INVALID_ID);
+    const lmx_mbox_id_t p = lmx_locate(kPeer);
+    ASSERT_NE(lmx_monitor(p, nullptr), 0u);
+    ASSERT_EQ(lmx_locate_async("later", nullptr, LMX_LOCATE_SENDER), 0);
+    ASSERT_EQ(lmx_send(patterned(64).release(), p, a), 0);
+    ASSERT_EQ(lmx_send(patterned(64).release(), a, a), 0);  // to itself: waits unread
+    EXPECT_EQ(lmx_delete_mailbox(a), 0);
+    EXPECT_FALSE(std::filesystem::exists(path("a")));
+    EXPECT_EQ(lmx_delete_mailbox(a), -1);
+    EXPECT_TRUE(isSocketFile("b"));
+    lmx_exit();
+    EXPECT_FALSE(std::filesystem::exists(path("b")));
+    EXPECT_EQ(openDescriptors(), baseline);
+    EXPECT_EQ(lmx_get_fd(), -1);
+}
+
+TEST_F(LmxServiceTest, SendToAMailboxThatIsGoneFails) {
+    auto peer = startPeer();
+    const lmx_mbox_id_t me = startAsMe();
+    const lmx_mbox_id_t p = lmx_locate(kPeer);
+    peer->kill(SIGKILL);
+    peer->wait();
+    errno = 0;
+    EXPECT_EQ(lmx_send(patterned(16).release(), p, me), -1);
+    EXPECT_EQ(errno, ECONNREFUSED);
+    EXPECT_EQ(lmx_send(patterned(16).release(), 999, me), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(lmx_send(patterned(16).release(), me, 999), -1);  // not our mailbox
+    EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(LmxServiceTest, KeptConnectionIsRenewedWhenThePeerComesBack) {
+    const lmx_mbox_id_t me = startAsMe();
+    auto first = startPeer();
+    const lmx_mbox_id_t p = lmx_locate(kPeer);
+    ASSERT_EQ(lmx_send(patterned(16).release(), p, me), 0);
+    first->kill(SIGKILL);
+    first->wait();
+    // The kept connection's end is internal work: handled once, then the descriptor is quiet.
+    EXPECT_TRUE(readable(lmx_get_fd()));
+    EXPECT_EQ(lmx_receive(nullptr, 0, LMX_ANY_SENDER), nullptr);
+    EXPECT_FALSE(readable(lmx_get_fd()));
+    auto second = startPeer();
+    ASSERT_EQ(lmx_send(patterned(24).release(), p, me), 0);
+    second->say('v');
+    ASSERT_EQ(second->listen(), 'v');
+    LmxMessage back = receiveWithinGuard();
+    ASSERT_NE(back, nullptr);
+    EXPECT_EQ(lmx_size(back.get()), 24u);
+}
+
+TEST_F(LmxServiceTest, MessagesOfEverySizeUpToTheLargestTravelWhole) {
+    auto peer = startPeer();
+    const lmx_mbox_id_t me = startAsMe();
+    const lmx_mbox_id_t p = lmx_locate(kPeer);
+    const size_t chunk = lmx::kMaxPacketSize - lmx::kFragmentHeaderSize;
+    for (const size_t size :
+         {size_t{4}, size_t{5}, chunk - 1, chunk, chunk + 1, 3 * chunk, lmx_get_max_size()}) {
+        ASSERT_EQ(lmx_send(patterned(size).release(), p, me), 0) << size;
+        peer->say('v');  // the peer checks every byte and sends it back
+        LmxMessage back = receiveWithinGuard();
+        ASSERT_EQ(peer->listen(), 'v') << size;
+        ASSERT_NE(back, nullptr) << size;
+        EXPECT_EQ(lmx_size(back.get()), size);
+        EXPECT_EQ(lmx_msgno(back.get()), kPing);
+        EXPECT_TRUE(hasPattern(back.get(), size)) << size;
+    }
+}
+
+TEST_F(LmxServiceTest, PeerThatNeverReadsNeitherBlocksTheSenderNorTakesMoreThanTheBound) {
+    constexpr size_t kSize = 64 * 1024;
+    constexpr uint32_t kLimit = 1024;  // 64 MiB: far past any bound
+    Child sink([](Child& test) {
+        lmx_init(1, nullptr);
+        lmx_create_mailbox("sink", 0);
+        test.say('r');
+        uint32_t expected = 0;
+        if (!test.listen(&expected, sizeof expected, -1)) {
+            return 1;
+        }
+        for (uint32_t i = 0; i < expected; ++i) {
+            LmxMessage msg = receiveWithinGuard();
+            uint32_t index = 0;
+            if (msg == nullptr || lmx_size(msg.get()) != kSize) {
+                return 2;
+            }
+            std::memcpy(&index, static_cast<uint8_t*>(msg.get()) + 4, sizeof index);
+            if (index != i) {
+                return 3;  // lost, doubled or out of order
+            }
+        }
+        const bool more = lmx_receive(nullptr, 200, LMX_ANY_SENDER) != nullptr;
+        test.say(more ? 'x' : 'k');
+        test.listen(-1);
+        lmx_exit();
+        return 0;
+    });
+    ASSERT_EQ(sink.listen(), 'r');
+    const lmx_mbox_id_t me = startAsMe();
+    const lmx_mbox_id_t to = lmx_locate("sink");
+    uint32_t accepted = 0;
+    int rc = 0;
+    for (; accepted < kLimit; ++accepted) {
+        void* msg = lmx_alloc(kSize, kPing);
+        std::memcpy(static_cast<uint8_t*>(msg) + 4, &accepted, sizeof accepted);
+        rc = lmx_send(msg, to, me);
+        if (rc != 0) {
+            break;
+        }
+    }
+    ASSERT_EQ(rc, -1);
+    EXPECT_EQ(errno, ENOBUFS);
+    EXPECT_GE(accepted * kSize, 4u * 1024 * 1024);
+    EXPECT_LE(accepted * kSize, 5u * 1024 * 1024);                // the bound, plus what the kernel holds
+    EXPECT_EQ(lmx_send(patterned(kSize).release(), to, me), -1);  // still full
+
+    // The sink starts reading; this process only polls and receives, and the queue drains.
+    sink.say(&accepted, sizeof accepted);
+    for (;;) {
+        pollfd fds[2] = {{lmx_get_fd(), POLLIN, 0}, {sink.input(), POLLIN, 0}};
+        ASSERT_GT(::poll(fds, 2, kGuardMs), 0);
+        if (fds[1].revents != 0) {
+            break;
+        }
+        EXPECT_EQ(lmx_receive(nullptr, 0, LMX_ANY_SENDER), nullptr);
+    }
+    EXPECT_EQ(sink.listen(), 'k');
+    ASSERT_EQ(lmx_send(patterned(kSize).release(), to, me), 0);  // room again
+}
+
+TEST_F(LmxServiceTest, DescriptorIsReadableExactlyWhileSomethingWaits) {
+    auto peer = startPeer();
+    startAsMe();
+    EXPECT_FALSE(readable(lmx_get_fd()));
+    peer->say('s');
+    ASSERT_EQ(peer->listen(), 's');
+    peer->say('s');
+    ASSERT_EQ(peer->listen(), 's');
+    EXPECT_TRUE(readable(lmx_get_fd()));
+    EXPECT_NE(LmxMessage(lmx_receive(nullptr, 0, LMX_ANY_SENDER)), nullptr);
+    EXPECT_TRUE(readable(lmx_get_fd()));
+    EXPECT_NE(LmxMessage(lmx_receive(nullptr, 0, LMX_ANY_SENDER)), nullptr);
+    EXPECT_FALSE(readable(lmx_get_fd()));
+
+    // Internal work (a connection that comes and goes) wakes the reader once, then nothing.
+    const int raw = rawConnect(path(kMe));
+    ASSERT_GE(raw, 0);
+    ::close(raw);
+    EXPECT_TRUE(readable(lmx_get_fd()));
+    errno = 0;
+    EXPECT_EQ(lmx_receive(nullptr, 0, LMX_ANY_SENDER), nullptr);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_FALSE(readable(lmx_get_fd()));
+}
+
+TEST_F(LmxServiceTest, FilterAndSenderSelectWhichMessageIsTaken) {
+    auto peer = startPeer();
+    const lmx_mbox_id_t me = startAsMe();
+    const lmx_mbox_id_t p = lmx_locate(kPeer);
+    ASSERT_EQ(lmx_locate_async(kPeer, nullptr, LMX_LOCATE_SENDER), 0);
+    ASSERT_EQ(lmx_send(patterned(4, kPing).release(), me, me), 0);
+    const uint32_t onlyPing[] = {kPing, 0};
+    LmxMessage ping(lmx_receive(onlyPing, kGuardMs, LMX_ANY_SENDER));
+    ASSERT_NE(ping, nullptr);
+    EXPECT_EQ(lmx_msgno(ping.get()), kPing);
+    EXPECT_EQ(lmx_sender(ping.get()), me);
+    EXPECT_EQ(lmx_receive(nullptr, 0, me), nullptr);  // the locate answer is the peer's
+    LmxMessage answer(lmx_receive(nullptr, 0, p));
+    ASSERT_NE(answer, nullptr);
+    EXPECT_EQ(lmx_msgno(answer.get()), LMX_LOCATE_DEFAULT_NO);
+}
+
+TEST_F(LmxServiceTest, MalformedPeerInputDropsOnlyThatConnection) {
+    auto peer = startPeer();
+    startAsMe();
+    // A good peer with a connection already in use.
+    peer->say('s');
+    ASSERT_EQ(peer->listen(), 's');
+    ASSERT_NE(receiveWithinGuard(), nullptr);
+
+    std::vector<uint8_t> badMagic = helloFrom("raw");
+    badMagic[0] = 'X';
+    std::vector<uint8_t> badVersion = helloFrom("raw");
+    badVersion[4] = 9;
+    const std::vector<std::vector<std::vector<uint8_t>>> cases = {
+        {badMagic},
+        {badVersion},
+        {helloFrom("../etc")},
+        {{0xde, 0xad, 0xbe, 0xef, 0x00, 0x01, 0x02}},
+        // One byte more than a packet may have; cut to size it would look like a good fragment.
+        {helloFrom("raw"),
+         fragment(lmx::kMaxMessageSize, 0, lmx::kMaxPacketSize - lmx::kFragmentHeaderSize + 1)},
+        {helloFrom("raw"), {4, 0, 0}},                                // truncated packet
+        {helloFrom("raw"), fragment(4 * 1024 * 1024, 0, 16)},         // bigger than any message
+        {helloFrom("raw"), fragment(16, 0, 8), fragment(16, 12, 4)},  // a gap
+    };
+    for (size_t i = 0; i < cases.size(); ++i) {
+        const int raw = rawConnect(path(kMe));
+        ASSERT_GE(raw, 0);
+        for (const auto& packet : cases[i]) {
+            ASSERT_TRUE(rawSend(raw, packet)) << "case " << i;
+        }
+        EXPECT_TRUE(closedByService(raw)) << "case " << i;
+        ::close(raw);
+    }
+
+    // A message cut short by its sender's end is never handed on.
+    const int cut = rawConnect(path(kMe));
+    ASSERT_TRUE(rawSend(cut, helloFrom("raw")));
+    ASSERT_TRUE(rawSend(cut, fragment(16, 0, 8)));
+    ::close(cut);
+    EXPECT_EQ(lmx_receive(nullptr, 0, LMX_ANY_SENDER), nullptr);
+    EXPECT_FALSE(readable(lmx_get_fd()));
+
+    // The good connection goes on; so does a new well-formed one.
+    peer->say('s');
+    ASSERT_EQ(peer->listen(), 's');
+    LmxMessage ping = receiveWithinGuard();
+    ASSERT_NE(ping, nullptr);
+    EXPECT_STREQ(lmx_name(lmx_sender(ping.get())), kPeer);
+    const int good = rawConnect(path(kMe));
+    ASSERT_TRUE(rawSend(good, helloFrom("raw")));
+    ASSERT_TRUE(rawSend(good, fragment(12, 0, 12)));
+    LmxMessage fromRaw = receiveWithinGuard();
+    ::close(good);
+    ASSERT_NE(fromRaw, nullptr);
+    EXPECT_EQ(lmx_size(fromRaw.get()), 12u);
+    EXPECT_STREQ(lmx_name(lmx_sender(fromRaw.get())), "raw");
+}
+
+TEST_F(LmxServiceTest, OutOfDescriptorsAConnectionIsRefusedNotSpunOn) {
+    Child full([](Child& test) {
+        lmx_init(1, nullptr);
+        lmx_create_mailbox(kMe, 0);
+        rlimit limit{};
+        ::getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = openDescriptors() + 8;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+        while (::open("/dev/null", O_RDONLY) >= 0) {
+        }
+        test.say('r');
+        if (test.listen(-1) != 'c' || !readable(lmx_get_fd(), kGuardMs)) {
+            return 1;
+        }
+        lmx_receive(nullptr, 0, LMX_ANY_SENDER);
+        return readable(lmx_get_fd()) ? 2 : 0;
+    });
+    ASSERT_EQ(full.listen(), 'r');
+    const int raw = rawConnect(path(kMe));
+    ASSERT_GE(raw, 0);
+    full.say('c');
+    EXPECT_EQ(full.wait(), 0);
+    ::close(raw);
+}
+
+TEST_F(LmxServiceTest, MailboxTakesAtMost1024ConnectionsAndRoomComesBack) {
+    constexpr int kAccepted = 1024;
+    constexpr int kExtra = 6;
+    constexpr rlim_t kDescriptors = 4 * (kAccepted + kExtra);  // both ends live in the child
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    if (limit.rlim_max < kDescriptors) {
+        GTEST_SKIP() << "needs " << kDescriptors << " descriptors, the hard limit is " << limit.rlim_max;
+    }
+    Child host([&](Child&) {
+        limit.rlim_cur = kDescriptors;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+        lmx_init(1, nullptr);
+        lmx_create_mailbox(kMe, 0);
+        const std::string me = std::string(::getenv("LMX_DIR")) + "/" + kMe;
+        std::vector<int> raw;
+        const auto settle = [] {
+            while (readable(lmx_get_fd())) {
+                lmx_receive(nullptr, 0, LMX_ANY_SENDER);
+            }
+        };
+        const auto refused = [](int fd) {
+            char byte;
+            return readable(fd) && ::recv(fd, &byte, 1, MSG_DONTWAIT) == 0;
+        };
+        for (int i = 0; i < kAccepted + kExtra; ++i) {
+            raw.push_back(rawConnect(me));
+            if (raw.back() < 0) {
+                return 1;
+            }
+        }
+        settle();
+        for (int i = 0; i < kAccepted + kExtra; ++i) {
+            if (refused(raw[i]) != (i >= kAccepted)) {
+                return 2;  // the first 1024 are kept, the rest closed
+            }
+        }
+        ::close(raw[0]);
+        settle();
+        const int again = rawConnect(me);
+        settle();
+        return refused(again) ? 3 : 0;
+    });
+    EXPECT_EQ(host.wait(), 0);
+}
