@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Shared by the packaging tests: a scratch directory removed on exit, the build's configured
 # install locations, and what the build has produced so far.
 set -euo pipefail
