@@ -85,6 +85,7 @@ private:
     uint32_t actionLocateDstMbox();
     uint32_t actionGetIdAndMonitorDstMbox();
     uint32_t actionUnsetDstMbox();
+    uint32_t send(Message& message, uint32_t to, const char* function);
 
     MboxData m_mbox;
     uint32_t m_dstState = DST_MBOX_STATE_NOT_SET;
@@ -92,7 +93,8 @@ private:
     std::string m_dstMbox;
 };
 
-std::ostream& printDstMboxState(std::ostream& os, uint32_t state);  // "{ no: 8, txt: DST_MBOX_STATE_CONNECTED}"
+// "{ no: 8, txt: DST_MBOX_STATE_CONNECTED}"; "UNKNOWN" for a value without a name.
+std::ostream& printDstMboxState(std::ostream& os, uint32_t state);
 std::ostream& operator<<(std::ostream& os, const LmxMgr::Message& message);
 
 }  // namespace solicd

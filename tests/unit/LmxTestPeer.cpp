@@ -1,0 +1,126 @@
+// A stand-in for solicd on the real mailbox service, for tests of solicctl and of the client link:
+// it holds a mailbox through LmxMgr and answers, stays silent, misbehaves or publishes updates.
+// Prints "ready" on stdout once its mailbox exists; ends on SIGTERM or SIGINT.
+#include <poll.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <list>
+#include <string>
+
+#include "ClientRecords.h"
+#include "LmxMgr.h"
+#include "LmxTestPeer.h"
+#include "SolIf.h"
+#include "lmx.h"
+
+using namespace solicd;
+using namespace solicd::test;
+
+namespace {
+
+const char* const kUsage =
+    "Usage: lmx_test_peer MODE MBOX [SUBSCRIBER]\n"
+    "  answer     answer routers requests (routers 1 and 2) and show-cache requests (kTestCacheText)\n"
+    "  silent     hold the mailbox and answer nothing\n"
+    "  malformed  answer routers requests with a routers answer that claims 5 entries in 144 bytes\n"
+    "  vanish     end without answering at the first request\n"
+    "  publish    when SUBSCRIBER connects, send: router 1 update, network 1 update, DNS list of\n"
+    "             servers 0 and 1, a router update of 100 bytes, a message numbered 0x1234, and\n"
+    "             router 2 update; again on every reconnection\n";
+
+void sendRaw(LmxMgr& mgr, size_t size, uint32_t msgNo, uint32_t count) {
+    LmxMgr::Message m;
+    m.m_data.m_buffer = lmx_alloc(size, msgNo);
+    if (size >= 8) {
+        std::memcpy(static_cast<unsigned char*>(m.m_data.m_buffer) + 4, &count, sizeof count);
+    }
+    mgr.notify(m);
+}
+
+void publish(LmxMgr& mgr) {
+    LmxMgr::Message m;
+    m.setTxRouterUpdatedInd(makeRouter(1));
+    mgr.notify(m);
+    m.setTxNetworkUpdatedInd(makeNetwork(1));
+    mgr.notify(m);
+    m.setTxDnsServersUpdatedInd(std::list<SolDnsServer>{makeDnsServer(0), makeDnsServer(1)});
+    mgr.notify(m);
+    sendRaw(mgr, kShortRouterUpdate, SOLIF_ROUTER_UPDATED_IND, 0);
+    sendRaw(mgr, sizeof(uint32_t), kForeignMsgNo, 0);
+    m.setTxRouterUpdatedInd(makeRouter(2));
+    mgr.notify(m);
+}
+
+// Answers one request as `mode` says; false when the peer is to end.
+bool answer(LmxMgr& mgr, const std::string& mode, const LmxMgr::Message& request) {
+    const LmxMgr::RxType type = request.getRxType();
+    if (type != LmxMgr::RX_TYPE_ROUTERS_REQ && type != LmxMgr::RX_TYPE_CLICMD_SHOW_CACHE_REQ) {
+        return true;
+    }
+    if (mode == "vanish") {
+        return false;
+    }
+    LmxMgr::Message reply;
+    if (type == LmxMgr::RX_TYPE_ROUTERS_REQ) {
+        if (mode == "malformed") {
+            reply.m_data.m_buffer = lmx_alloc(solifGetRoutersCfmSize(0), SOLIF_GET_ROUTERS_CFM);
+            static_cast<solif_get_routers_cfm_t*>(reply.m_data.m_buffer)->count = 5;
+        } else {
+            reply.setTxGetRoutersCfm(2);
+            reply.setTxGetRoutersCfmPush(makeRouter(1));
+            reply.setTxGetRoutersCfmPush(makeRouter(2));
+        }
+    } else {
+        reply.setTxShowRainfoCfm(kTestCacheText);
+    }
+    mgr.respond(request, reply);
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 3) {
+        std::fputs(kUsage, stderr);
+        return 2;
+    }
+    const std::string mode = argv[1];
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    const int sigFd = signalfd(-1, &set, SFD_CLOEXEC);
+
+    LmxMgr mgr;
+    if (mgr.init(argv[2], argc > 3 ? argv[3] : "") != 0) {
+        std::fprintf(stderr, "lmx_test_peer: cannot hold mailbox %s\n", argv[2]);
+        return 1;
+    }
+    std::printf("ready\n");
+    std::fflush(stdout);
+    for (;;) {
+        pollfd fds[] = {{mgr.getFd(), POLLIN, 0}, {sigFd, POLLIN, 0}};
+        if (poll(fds, 2, -1) < 0 || (fds[1].revents & POLLIN) != 0) {
+            break;
+        }
+        const uint32_t before = mgr.getDstMboxState();
+        LmxMgr::Message request;
+        if (mgr.receive(request) != 0) {
+            continue;
+        }
+        if (mode == "publish" && before != LmxMgr::DST_MBOX_STATE_CONNECTED &&
+            mgr.getDstMboxState() == LmxMgr::DST_MBOX_STATE_CONNECTED) {
+            publish(mgr);
+        }
+        if (mode != "silent" && !answer(mgr, mode, request)) {
+            _exit(0);  // gone without a word, as a crashed daemon would be
+        }
+    }
+    close(sigFd);
+    return 0;
+}

@@ -1,0 +1,311 @@
+// solicctl as an operator runs it, against a test peer on the real mailbox service in a private
+// directory: output forms, --count, --timeout, signals, exit statuses and error lines.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "ClientRecords.h"
+#include "LmxTestPeer.h"
+#include "Subprocess.h"
+
+using namespace solicd;
+using namespace solicd::test;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+namespace {
+
+struct Result {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+std::vector<std::string> lines(const std::string& text) {
+    std::vector<std::string> out;
+    size_t start = 0;
+    for (size_t nl = text.find('\n'); nl != std::string::npos; nl = text.find('\n', start)) {
+        out.push_back(text.substr(start, nl - start));
+        start = nl + 1;
+    }
+    if (start < text.size()) {
+        out.push_back(text.substr(start));
+    }
+    return out;
+}
+
+class SolicctlTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/solicctl-test-XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        m_dir = pattern;
+        setenv("LMX_DIR", m_dir.c_str(), 1);
+    }
+    void TearDown() override {
+        m_peers.clear();
+        std::filesystem::remove_all(m_dir);
+        unsetenv("LMX_DIR");
+    }
+
+    // A test peer holding `mbox`, ready to serve.
+    void startPeer(const std::string& mode, const std::string& mbox, const std::string& subscriber = "") {
+        std::vector<std::string> argv{LMX_TEST_PEER_BIN, mode, mbox};
+        if (!subscriber.empty()) {
+            argv.push_back(subscriber);
+        }
+        m_peers.push_back(std::make_unique<Subprocess>(argv));
+        ASSERT_TRUE(m_peers.back()->started());
+        ASSERT_EQ(m_peers.back()->readLine(), "ready");
+    }
+
+    static std::unique_ptr<Subprocess> start(std::vector<std::string> args) {
+        args.insert(args.begin(), SOLICCTL_BIN);
+        return std::make_unique<Subprocess>(args);
+    }
+
+    static Result run(std::vector<std::string> args) {
+        Result r;
+        r.status = start(std::move(args))->finish(&r.out, &r.err);
+        return r;
+    }
+
+    // Until the mailbox `name` exists (the watcher created it), or the guard.
+    bool waitForMailbox(const std::string& name) const {
+        const auto deadline = std::chrono::steady_clock::now() + kGuard;
+        while (!std::filesystem::is_socket(m_dir + "/" + name)) {
+            if (std::chrono::steady_clock::now() > deadline) {
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return true;
+    }
+
+    std::string m_dir;
+    std::vector<std::unique_ptr<Subprocess>> m_peers;
+};
+
+TEST_F(SolicctlTest, RoutersPrintsACountLineThenOneLinePerRouter) {
+    startPeer("answer", "solicd");
+    const Result r = run({"routers", "solicd"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "routers: 2\n" + toStr(makeRouter(1)) + "\n" + toStr(makeRouter(2)) + "\n");
+    EXPECT_EQ(r.err, "");
+}
+
+TEST_F(SolicctlTest, RoutersJsonIsOneObjectOnOneLine) {
+    startPeer("answer", "solicd");
+    const Result r = run({"routers", "solicd", "--json"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    const auto out = lines(r.out);
+    ASSERT_EQ(out.size(), 1u);
+    const auto j = nlohmann::json::parse(out[0]);
+    EXPECT_EQ(j["kind"], "routers");
+    ASSERT_EQ(j["routers"].size(), 2u);
+    EXPECT_EQ(j["routers"][0]["address"], "fe80::1");
+    EXPECT_EQ(j["routers"][0]["routerLifetime"], 1801);
+    EXPECT_EQ(j["routers"][1]["address"], "fe80::2");
+    EXPECT_EQ(j["routers"][1]["status"]["state"], "STATE_NEW");
+}
+
+TEST_F(SolicctlTest, ShowPrintsTheTextAnswer) {
+    startPeer("answer", "solicd");
+    const Result r = run({"show", "solicd"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, std::string(kTestCacheText) + "\n");
+}
+
+TEST_F(SolicctlTest, DirOptionWinsOverLmxDir) {
+    startPeer("answer", "solicd");
+    setenv("LMX_DIR", "/nonexistent-lmx-dir", 1);
+    const Result r = run({"--dir", m_dir, "show", "solicd"});
+    EXPECT_EQ(r.status, 0) << r.err;
+}
+
+TEST_F(SolicctlTest, MissingDaemonMailboxSaysWhereItLookedAndWhatToCheck) {
+    const Result r = run({"show", "nosuch"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, "solicctl: no mailbox 'nosuch' in " + m_dir +
+                         "; check --dir (or LMX_DIR) and that solicd runs with --source nosuch\n");
+}
+
+TEST_F(SolicctlTest, RequestToAMissingDirectoryFailsAndCreatesNothing) {
+    const std::string missing = m_dir + "/missing";
+    const Result r = run({"--dir", missing, "routers", "solicd"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "solicctl: no mailbox directory " + missing +
+                         " (No such file or directory); check --dir (or LMX_DIR) and that solicd runs\n");
+    EXPECT_FALSE(std::filesystem::exists(missing));
+}
+
+TEST_F(SolicctlTest, NoAnswerWithinFiveSecondsFails) {
+    startPeer("silent", "solicd");
+    const Result r = run({"routers", "solicd"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(
+        r.err,
+        "solicctl: no answer from 'solicd' within 5 s; check that it is the mailbox solicd was given with "
+        "--source\n");
+}
+
+TEST_F(SolicctlTest, InconsistentAnswerIsReportedNotRead) {
+    startPeer("malformed", "solicd");
+    const Result r = run({"routers", "solicd", "--json"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(
+        r.err,
+        "solicctl: malformed answer from 'solicd': solif_get_routers_cfm_t of 144 bytes cannot hold its 5 "
+        "entries (needs 688 bytes)\n");
+}
+
+TEST_F(SolicctlTest, DaemonGoneBeforeAnsweringFailsAtOnce) {
+    startPeer("vanish", "solicd");
+    const Result r = run({"show", "solicd"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "solicctl: 'solicd' went away before answering; check that solicd runs\n");
+}
+
+TEST_F(SolicctlTest, WatchPrintsEveryUpdateOnOneLineUntilCountAndReportsWhatItIgnores) {
+    startPeer("publish", "solicd", "client");
+    const Result r = run({"watch", "client", "--count", "4"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_THAT(lines(r.out), ElementsAre("router_updated " + toStr(makeRouter(1)),
+                                          "network_updated " + toStr(makeNetwork(1)),
+                                          "dns_servers_updated count: 2, servers: [" +
+                                              toStr(makeDnsServer(0)) + ", " + toStr(makeDnsServer(1)) + "]",
+                                          "router_updated " + toStr(makeRouter(2))));
+    EXPECT_THAT(lines(r.err),
+                ElementsAre("solicctl: ignored malformed update from 'solicd': "
+                            "solif_router_updated_ind_t of 100 bytes cannot hold itself (needs 144 "
+                            "bytes)",
+                            "solicctl: ignored message 0x1234 (UNKNOWN) from 'solicd'"));
+}
+
+TEST_F(SolicctlTest, WatchJsonPrintsOneObjectPerUpdate) {
+    startPeer("publish", "solicd", "client");
+    const Result r = run({"watch", "client", "--json", "--count", "3"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    const auto out = lines(r.out);
+    ASSERT_EQ(out.size(), 3u);
+    const auto router = nlohmann::json::parse(out[0]);
+    EXPECT_EQ(router["kind"], "router_updated");
+    EXPECT_EQ(router["address"], "fe80::1");
+    EXPECT_EQ(router["status"]["id"], 1);
+    const auto network = nlohmann::json::parse(out[1]);
+    EXPECT_EQ(network["kind"], "network_updated");
+    EXPECT_EQ(network["prefix"], "2001:db8:1::1234");
+    EXPECT_EQ(network["status"]["state"], "STATE_DEPRECATED");
+    const auto dns = nlohmann::json::parse(out[2]);
+    EXPECT_EQ(dns["kind"], "dns_servers_updated");
+    ASSERT_EQ(dns["servers"].size(), 2u);
+    EXPECT_EQ(dns["servers"][1]["address"], "2001:db8::53:1");
+}
+
+TEST_F(SolicctlTest, WatchFlushesEachLineAsItComes) {
+    startPeer("publish", "solicd", "client");
+    auto watch = start({"watch", "client", "--count", "100"});
+    // The watcher is still running (it wants 100): each line must already have been written.
+    EXPECT_THAT(watch->readLine(), StartsWith("router_updated "));
+    EXPECT_THAT(watch->readLine(), StartsWith("network_updated "));
+    EXPECT_THAT(watch->readLine(), StartsWith("dns_servers_updated "));
+    EXPECT_THAT(watch->readLine(), StartsWith("router_updated "));
+    watch->signal(SIGTERM);
+    EXPECT_EQ(watch->finish(), 0);
+}
+
+TEST_F(SolicctlTest, WatchTimeoutWithoutCountIsANormalEnd) {
+    const Result r = run({"watch", "lonely", "--timeout", "1"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, "");
+}
+
+TEST_F(SolicctlTest, WatchTimeoutBeforeCountFails) {
+    const Result r = run({"watch", "lonely", "--count", "1", "--timeout", "1"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err,
+              "solicctl: timed out after 1 s with 0 of 1 updates; check that solicd runs with --destination "
+              "lonely\n");
+}
+
+TEST_F(SolicctlTest, WatchEndsOnSigtermAndSigintAndRemovesItsMailbox) {
+    for (const int sig : {SIGTERM, SIGINT}) {
+        auto watch = start({"watch", "client"});
+        ASSERT_TRUE(waitForMailbox("client"));
+        watch->signal(sig);
+        std::string err;
+        EXPECT_EQ(watch->finish(nullptr, &err), 0) << "signal " << sig << ": " << err;
+        EXPECT_FALSE(std::filesystem::exists(m_dir + "/client")) << "signal " << sig;
+    }
+}
+
+TEST_F(SolicctlTest, WatchRefusesAMailboxThatIsInUse) {
+    startPeer("silent", "client");
+    const Result r = run({"watch", "client", "--timeout", "1"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_THAT(r.err, StartsWith("solicctl: cannot create mailbox 'client' in " + m_dir + " ("));
+    EXPECT_THAT(r.err, HasSubstr("; another process may hold it"));
+    EXPECT_EQ(lines(r.err).size(), 1u);
+}
+
+TEST_F(SolicctlTest, LsListsLiveMailboxesSortedAndSkipsLeftovers) {
+    startPeer("silent", "b-daemon");
+    startPeer("silent", "a-daemon");
+    {
+        // A socket file nobody listens on any more.
+        const int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        const std::string path = m_dir + "/stale";
+        std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+        ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+        close(fd);
+        std::ofstream(m_dir + "/plain-file") << "x";
+    }
+    const Result r = run({"ls"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "a-daemon\nb-daemon\n");
+}
+
+TEST_F(SolicctlTest, LsOfAMissingDirectoryFails) {
+    const Result r = run({"--dir", m_dir + "/missing", "ls"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "solicctl: cannot read the mailbox directory " + m_dir +
+                         "/missing (No such file or directory); check --dir or LMX_DIR\n");
+}
+
+TEST_F(SolicctlTest, UsageErrorsExitTwoWithOneLineOnStderr) {
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {}, {"bogus"}, {"watch"}, {"routers", "a", "--count", "1"}, {"watch", "c", "--timeout", "0"}}) {
+        const Result r = run(args);
+        EXPECT_EQ(r.status, 2) << r.err;
+        EXPECT_EQ(r.out, "");
+        EXPECT_EQ(lines(r.err).size(), 1u) << r.err;
+        EXPECT_THAT(r.err, StartsWith("solicctl: "));
+    }
+}
+
+TEST_F(SolicctlTest, HelpForTheToolAndEachCommandExitsZero) {
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {"--help"}, {"ls", "--help"}, {"show", "--help"}, {"routers", "--help"}, {"watch", "--help"}}) {
+        const Result r = run(args);
+        EXPECT_EQ(r.status, 0);
+        EXPECT_THAT(r.out, StartsWith("Usage: solicctl [--dir DIR] "));
+        EXPECT_EQ(r.err, "");
+    }
+}
+
+}  // namespace

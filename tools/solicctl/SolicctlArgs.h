@@ -1,0 +1,40 @@
+// solicctl's command line: what to do, or the help text, or one line saying what is wrong.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace solicd::ctl {
+
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitFailed = 1;  // the request failed or timed out
+inline constexpr int kExitUsage = 2;
+
+inline constexpr const char* kDefaultDir = "/run/lmx";
+inline constexpr unsigned kRequestTimeoutSec = 5;
+
+enum class Command { Ls, Show, Routers, Watch };
+
+struct Options {
+    Command command = Command::Ls;
+    std::string dir;   // resolved: --dir, then $LMX_DIR, then /run/lmx
+    std::string mbox;  // the mailbox of show, routers and watch
+    bool json = false;
+    uint64_t count = 0;       // watch: 0 means no limit
+    uint64_t timeoutSec = 0;  // watch: 0 means no limit
+};
+
+struct ParseResult {
+    enum class Kind { Run, Help, Usage } kind = Kind::Run;
+    Options options;
+    std::string text;  // Help: the help text; Usage: the one-line error
+};
+
+// `envDir` is $LMX_DIR (null when unset).
+ParseResult parseArgs(const std::vector<std::string>& args, const char* envDir);
+
+// The service's rule for mailbox names: 1 to 100 of A-Z a-z 0-9 . _ -, not starting with '.'.
+bool isValidMailboxName(const std::string& name);
+
+}  // namespace solicd::ctl
