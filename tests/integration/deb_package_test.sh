@@ -46,23 +46,21 @@ grep -q "^Conf solicd ($version" "$work/apt.log" || { cat "$work/apt.log"; fail 
 # The extracted binaries take every library of ours from the extracted tree.
 export LD_LIBRARY_PATH=$root$prefix/$libdir
 from_package() {
-    local binary=$1 missing
-    missing=$(ldd "$binary" | grep 'not found' || true)
-    [ -z "$missing" ] || fail "$binary misses libraries: $missing"
-    local ours
+    local binary=$1 resolved ours
+    resolved=$(ldd "$binary")
+    ! grep -q 'not found' <<<"$resolved" || fail "$binary misses libraries: $resolved"
     for ours in $(readelf -d "$binary" | sed -n 's/.*Shared library: \[\(lib\(soltypes\|lmx\|restart\|solicd-tp\)\.so\.0\)\]/\1/p'); do
-        ldd "$binary" | grep -qF "$ours => $LD_LIBRARY_PATH/$ours" || fail "$binary takes $ours from elsewhere"
+        grep -qF "$ours => $LD_LIBRARY_PATH/$ours" <<<"$resolved" || fail "$binary takes $ours from elsewhere"
     done
 }
-ran=()
-if have_solicctl; then
-    from_package "$root$prefix/bin/solicctl"
-    "$root$prefix/bin/solicctl" --help >"$work/solicctl.out" || fail "solicctl --help exits $?"
-    grep -q '^Usage: solicctl' "$work/solicctl.out" || fail "solicctl --help prints no usage"
-    ran+=(solicctl)
-else
-    echo "note: solicctl is not built yet; not run from the package"
-fi
+ran=(solicctl)
+from_package "$root$prefix/bin/solicctl"
+"$root$prefix/bin/solicctl" --help >"$work/solicctl.out" || fail "solicctl --help exits $?"
+grep -q '^Usage: solicctl' "$work/solicctl.out" || fail "solicctl --help prints no usage"
+# The mailbox service from the package, on an empty directory.
+mkdir -m 0770 "$work/lmx"
+LMX_DIR=$work/lmx "$root$prefix/bin/solicctl" ls >"$work/ls.out" || fail "solicctl ls exits $?"
+[ ! -s "$work/ls.out" ] || fail "solicctl ls lists mailboxes in an empty directory: $(cat "$work/ls.out")"
 if have_solicd; then
     from_package "$root$prefix/sbin/solicd"
     "$root$prefix/sbin/solicd" --help >"$work/solicd.out" || fail "solicd --help exits $?"
@@ -73,4 +71,4 @@ else
     echo "note: solicd is not built yet; not run from the package"
 fi
 echo "PASS: $(basename "$deb") (Depends: $depends) installs the listed files;" \
-    "run from it: ${ran[*]:-nothing yet}"
+    "run from it: ${ran[*]}"

@@ -103,7 +103,11 @@ interrupt_helper() {
     [ "$status" -eq 0 ] || fail "$run: the helper exited with $status after Ctrl-C"
 }
 
-session_listed() { lttng list 2>/dev/null | grep -qF " $1 "; }
+session_listed() {
+    local sessions
+    sessions=$(lttng list 2>/dev/null) || return 1
+    grep -qF " $1 " <<<"$sessions"
+}
 
 # Run 1: no daemon runs; the helper starts both and stops both.
 watch_emitter all
