@@ -76,6 +76,17 @@ void setCapture(CaptureFn fn, void* context, unsigned mask)
     g_captureMask = fn != nullptr ? mask : 0;
 }
 
+bool isEnabled(TraceEvent event)
+{
+    switch (event) {
+        case TraceEvent::INFO: return SOL_TRACE_ENABLED(INFO);
+        case TraceEvent::ERROR: return SOL_TRACE_ENABLED(ERROR);
+        case TraceEvent::EXCEPTION: return SOL_TRACE_ENABLED(EXCEPTION);
+        case TraceEvent::LAB: return SOL_TRACE_ENABLED(LAB);
+    }
+    return false;
+}
+
 void emit(TraceEvent event, const char* location, const char* category, const char* message)
 {
     switch (event) {

@@ -44,6 +44,9 @@ void setCapture(CaptureFn fn, void* context, unsigned mask);
 
 void emit(TraceEvent event, const char* location, const char* category, const char* message);
 
+// The enabled test for a call site whose event is chosen at run time.
+bool isEnabled(TraceEvent event);
+
 }  // namespace trace
 }  // namespace solicd
 
@@ -61,6 +64,16 @@ void emit(TraceEvent event, const char* location, const char* category, const ch
     do {                                                                                        \
         if (SOL_TRACE_ENABLED(EV)) {                                                            \
             ::solicd::trace::emit(::solicd::TraceEvent::EV, SOL_TRACE_LOCATION, CATEGORY,       \
+                                  ::solicd::traceFormat("%s(): ", FUNCTION, __VA_ARGS__));      \
+        }                                                                                       \
+    } while (0)
+
+// SOL_TRACE with the event as a value (for example one mapped from a GLib log level).
+#define SOL_TRACE_AT(EVENT, CATEGORY, FUNCTION, ...)                                            \
+    do {                                                                                        \
+        const ::solicd::TraceEvent solTraceEvent_ = (EVENT);                                    \
+        if (::solicd::trace::isEnabled(solTraceEvent_)) {                                       \
+            ::solicd::trace::emit(solTraceEvent_, SOL_TRACE_LOCATION, CATEGORY,                 \
                                   ::solicd::traceFormat("%s(): ", FUNCTION, __VA_ARGS__));      \
         }                                                                                       \
     } while (0)

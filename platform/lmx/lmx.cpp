@@ -114,7 +114,7 @@ size_t lmx_size(const void* msg) {
 
 int lmx_send(void* msg, lmx_mbox_id_t to, lmx_mbox_id_t from) {
     lmx::MessagePtr owned(msg);
-    if (owned == nullptr) {
+    if (owned == nullptr || lmx::isReservedMsgNo(lmx::msgNoOf(owned.get()))) {
         errno = EINVAL;
         return -1;
     }

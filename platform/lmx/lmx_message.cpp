@@ -42,4 +42,8 @@ uint32_t msgNoOf(const void* msg) {
     return no;
 }
 
+bool isReservedMsgNo(uint32_t msgNo) {
+    return msgNo == LMX_LOCATE_DEFAULT_NO || msgNo == LMX_MONITOR_DEFAULT_NO;
+}
+
 }  // namespace lmx

@@ -29,6 +29,9 @@ void freeMessage(void* msg);
 MessageHeader& headerOf(void* msg);
 const MessageHeader& headerOf(const void* msg);
 uint32_t msgNoOf(const void* msg);
+// The service's own answers (locate, monitor) are made only inside the receiving process; a peer
+// that sends one is forging it.
+bool isReservedMsgNo(uint32_t msgNo);
 
 struct MessageFree {
     void operator()(void* msg) const { freeMessage(msg); }

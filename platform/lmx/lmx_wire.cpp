@@ -114,6 +114,9 @@ Intake::Step Intake::acceptFragment(const uint8_t* packet, size_t size) {
     if (m_received < header.total) {
         return Step::More;
     }
+    if (isReservedMsgNo(msgNoOf(m_partial.get()))) {
+        return fail();
+    }
     m_complete = std::move(m_partial);
     m_received = 0;
     return Step::Message;

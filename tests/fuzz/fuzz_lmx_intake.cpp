@@ -71,6 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                     check(msg != nullptr && lmx::headerOf(msg.get()).size == model.size());
                     check(model.size() == header.total && model.size() >= lmx::kMinMessageSize);
                     check(std::memcmp(msg.get(), model.data(), model.size()) == 0);
+                    check(!lmx::isReservedMsgNo(lmx::msgNoOf(msg.get())));
                     model.clear();
                 } else {
                     check(model.size() < header.total);

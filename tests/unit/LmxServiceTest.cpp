@@ -567,6 +567,20 @@ TEST_F(LmxServiceTest, SendToAMailboxThatIsGoneFails) {
     EXPECT_EQ(errno, EINVAL);
 }
 
+TEST_F(LmxServiceTest, LocateAndMonitorNumbersCannotBeSent) {
+    // Only the service makes these answers; letting a peer send one would let it fake a
+    // subscriber's arrival or death.
+    const lmx_mbox_id_t me = startAsMe();
+    for (const uint32_t reserved : {LMX_LOCATE_DEFAULT_NO, LMX_MONITOR_DEFAULT_NO}) {
+        errno = 0;
+        EXPECT_EQ(lmx_send(lmx_alloc(8, reserved), me, me), -1);
+        EXPECT_EQ(errno, EINVAL);
+    }
+    errno = 0;
+    EXPECT_EQ(lmx_receive(nullptr, 0, LMX_ANY_SENDER), nullptr);
+    EXPECT_EQ(errno, EAGAIN);
+}
+
 TEST_F(LmxServiceTest, KeptConnectionIsRenewedWhenThePeerComesBack) {
     const lmx_mbox_id_t me = startAsMe();
     auto first = startPeer();

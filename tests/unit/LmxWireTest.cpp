@@ -166,6 +166,19 @@ TEST(LmxIntake, OnePacketMessageArrivesWithItsSizeAndBytes) {
     EXPECT_EQ(std::memcmp(msg.get(), body.data(), body.size()), 0);
 }
 
+TEST(LmxIntake, LocateOrMonitorAnswerFromAPeerIsAForgeryAndMalformed) {
+    // 0x1901000 and 0x1901001, native endian: only the receiving service makes these.
+    Intake locate = dataLink();
+    EXPECT_EQ(feed(locate, fragment(8, 0, {0x00, 0x10, 0x90, 0x01, 0, 0, 0, 0})), Step::Malformed);
+    EXPECT_EQ(locate.takeMessage(), nullptr);
+    Intake monitor = dataLink();
+    EXPECT_EQ(feed(monitor, fragment(4, 0, {0x01, 0x10, 0x90, 0x01})), Step::Malformed);
+    // A forgery split over fragments is refused once it is whole.
+    Intake split = dataLink();
+    EXPECT_EQ(feed(split, fragment(6, 0, {0x01, 0x10, 0x90})), Step::More);
+    EXPECT_EQ(feed(split, fragment(6, 3, {0x01, 7, 7})), Step::Malformed);
+}
+
 TEST(LmxIntake, FragmentsAreReassembledInOrderAndHandedOnOnlyWhole) {
     Intake intake = dataLink();
     const Bytes body = pattern(10000);

@@ -68,6 +68,22 @@ TEST_F(TraceLogTest, EachEventReachesTheCaptureUnderItsOwnName)
     EXPECT_EQ(capture.records()[1].message, "f(): e");
 }
 
+TEST_F(TraceLogTest, EventChosenAtRunTimeFollowsTheSameEnabledRule)
+{
+    TraceCapture capture(trace::bit(TraceEvent::LAB));
+    Poison poison;
+    Poison::touched = 0;
+    TraceEvent event = TraceEvent::INFO;
+    SOL_TRACE_AT(event, "GENERAL", "f", "[%s] %s", getTraceTag(), poison.c_str());
+    EXPECT_EQ(Poison::touched, 0);
+    event = TraceEvent::LAB;
+    SOL_TRACE_AT(event, "ADDR_IPV6", "handleGLibEvent", "[%s] %s", getTraceTag(), "DEBUG");
+    ASSERT_EQ(capture.records().size(), 1u);
+    EXPECT_EQ(capture.records()[0].event, TraceEvent::LAB);
+    EXPECT_EQ(capture.records()[0].category, "ADDR_IPV6");
+    EXPECT_EQ(capture.records()[0].message, "handleGLibEvent(): [] DEBUG");
+}
+
 TEST_F(TraceLogTest, TagPrintsEmptyBeforeItIsSetThenItsValue)
 {
     EXPECT_STREQ(traceFormat("%s(): ", "f", "[%s] x", getTraceTag()), "f(): [] x");
