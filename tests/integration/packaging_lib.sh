@@ -37,14 +37,12 @@ libdir=$(cache_var CMAKE_INSTALL_LIBDIR)
 [ -n "$prefix" ] && [ -n "$libdir" ] || fail "no install locations in $SOLICD_BUILD/CMakeCache.txt"
 version=$(sed -n 's/^CMAKE_PROJECT_VERSION:[A-Z]*=//p' "$SOLICD_BUILD/CMakeCache.txt")
 
-# The daemon is not in the tree yet everywhere.
-have_solicd() { [ -x "$SOLICD_BUILD/bin/solicd" ]; }
 
 # Every file (and symbolic link) an install lays out, relative to the prefix, sorted.
 expected_install_files() {
     local lib
     {
-        have_solicd && echo sbin/solicd
+        echo sbin/solicd
         echo bin/solicctl
         echo bin/solicd-trace
         for lib in soltypes restart solicd-tp lmx; do

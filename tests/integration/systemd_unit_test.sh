@@ -18,13 +18,7 @@ cp "$page" "$root/usr/share/man/man8/"
 exec_path=$(sed -n 's/^ExecStart=\([^ ]*\) .*/\1/p' "$unit_src")
 [ "$exec_path" = "$prefix/sbin/solicd" ] || fail "ExecStart runs '$exec_path', not $prefix/sbin/solicd"
 mkdir -p "$root$(dirname "$exec_path")"
-if have_solicd; then
-    cp "$SOLICD_BUILD/bin/solicd" "$root$exec_path"
-else
-    echo "note: solicd is not built yet; a stand-in executable takes its path"
-    printf '#!/bin/sh\nexit 0\n' >"$root$exec_path"
-    chmod 755 "$root$exec_path"
-fi
+cp "$SOLICD_BUILD/bin/solicd" "$root$exec_path"
 
 instance=solicd@blue.service
 # --recursive-errors=no: the scratch root has no sysinit.target and the like to depend on.
