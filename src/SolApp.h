@@ -141,6 +141,10 @@ protected:
 
 private:
     uint32_t installSignalActions();
+    // The three kinds of cache-entry expiry differ in what the client is told.
+    void handleRouterExpiry(const std::string& name);
+    void handleNetworkExpiry(const std::string& name);
+    void handleDnsServerExpiry(const std::string& name);
 
     DataIf* m_data;
     std::map<EventSrcType, uint32_t> m_fdEvents;

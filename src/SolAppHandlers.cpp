@@ -1,8 +1,76 @@
 // The handlers the main loop calls for RA packets, cache-entry expiry and client messages.
+#include <algorithm>
+#include <list>
+#include <sstream>
+#include <type_traits>
+#include <vector>
+
 #include "SolApp.h"
 #include "TraceLog.h"
 
 namespace solicd::SolApp {
+namespace {
+
+// What one cache push hands back: the entry (null when refused), whether the client must hear of
+// it, and the timeout action for its timer.
+template <class Entry>
+struct Pushed {
+    Entry* entry;
+    bool changed;
+    uint32_t lifetime;
+};
+
+// Pushes one parsed record; a record the cache refuses is reported and dropped, the rest of the
+// packet goes on. `word` names the kind in the report ("router", "network", "DNS server").
+template <class Config>
+auto pushRecord(CacheMgr& cache, const Config& config, const char* word) {
+    bool changed = false;
+    uint32_t lifetime = TIMEOUT_KEEP;
+    auto* entry = cache.pushConfigAndGetEntry(config, &changed, &lifetime);
+    if (entry == nullptr) {
+        SOL_TRACE(ERROR, "ADDR_IPV6", "handleRaSocketEvent",
+                  "[%s] Failed to insert %s into RA Cache, possible due to cache overflow, ignored data %s",
+                  getTraceTag(), word, toStr(config).c_str());
+    }
+    return Pushed<std::remove_pointer_t<decltype(entry)>>{entry, changed, lifetime};
+}
+
+// A message the client does not get leaves it with a wrong picture of the cache: restart instead.
+void notifyOrRestart(LmxMgr& lmx, const char* function, LmxMgr::Message& message) {
+    if (lmx.notify(message) != 0) {
+        SOL_FATAL(function, "LmxMgr::notify");
+    }
+}
+
+void respondOrRestart(LmxMgr& lmx, const char* function, const LmxMgr::Message& request,
+                      LmxMgr::Message& answer) {
+    if (lmx.respond(request, answer) != 0) {
+        SOL_FATAL(function, "LmxMgr::respond");
+    }
+}
+
+bool isConnected(const LmxMgr& lmx) {
+    return lmx.getDstMboxState() == LmxMgr::DST_MBOX_STATE_CONNECTED;
+}
+
+template <class Entry>
+std::list<Entry*> listOf(CacheMgr& cache, void (CacheMgr::*get)(std::list<Entry*>&)) {
+    std::list<Entry*> entries;
+    (cache.*get)(entries);
+    return entries;
+}
+
+template <class Entry>
+void appendLines(std::ostream& os, const char* heading, const std::list<Entry*>& entries) {
+    os << heading;
+    for (const Entry* entry : entries) {
+        os << *entry << "\n";
+    }
+}
+
+}  // namespace
+
+// ---- RA packets ----
 
 void Logic::handleRaSocketEvent() {
     SocketMgr::Message message;
@@ -15,32 +83,184 @@ void Logic::handleRaSocketEvent() {
                   messageStateToStr(message.m_state).c_str());
         return;
     }
-    // Not yet: parsing into records, cache pushes with their timers, relations and forwarding.
+
+    std::vector<SolRouter::Config> routers;
+    std::vector<SolNetwork::Config> networks;
+    std::vector<SolDnsServer::Config> dnsServers;
+    if (m_data->getPacketParser().raParser(routers, networks, dnsServers, message.m_peer,
+                                           message.m_data.data(),
+                                           static_cast<int32_t>(message.m_length)) != 0) {
+        SOL_FATAL("handleRaSocketEvent", "solicd::raParser");
+    }
+    if (routers.empty()) {
+        SOL_TRACE(LAB, "GENERAL", "handleRaSocketEvent", "[%s] No RA message was parsed", getTraceTag());
+        return;
+    }
+
+    // One router, each network, and the DNS servers as one list: the most this packet can change.
+    std::vector<LmxMgr::Message> notifications(1 + networks.size() + std::max<size_t>(dnsServers.size(), 1));
+    size_t count = 0;
+    CacheMgr& cache = m_data->getCacheMgr();
+
+    // Only the first router counts: the parser gives at most one per packet.
+    const SolRouter::Config& routerConfig = routers.front();
+    const auto router = pushRecord(cache, routerConfig, "router");
+    if (router.entry != nullptr) {
+        if (router.changed) {
+            notifications[count++].setTxRouterUpdatedInd(*router.entry);
+        }
+        applyTimeoutAction(routerConfig.getName(), CacheTimeout::TYPE_ROUTER, router.lifetime);
+    }
+
+    for (const SolNetwork::Config& config : networks) {
+        const auto network = pushRecord(cache, config, "network");
+        if (network.entry == nullptr) {
+            continue;
+        }
+        if (network.changed) {
+            notifications[count++].setTxNetworkUpdatedInd(*network.entry);
+            if (router.entry != nullptr) {
+                cache.setRelation(*router.entry, *network.entry);
+            }
+        }
+        applyTimeoutAction(config.getName(), CacheTimeout::TYPE_NETWORK, network.lifetime);
+    }
+
+    if (dnsServers.empty()) {
+        SOL_TRACE(LAB, "GENERAL", "handleRaSocketEvent", "[%s] No DNS server addresses are parsed.",
+                  getTraceTag());
+    } else {
+        // The client keeps the active set as a whole: it hears of DNS servers only when that set
+        // changes, and then gets all of it.
+        const auto before = listOf(cache, &CacheMgr::getActiveDnsServers);
+        for (const SolDnsServer::Config& config : dnsServers) {
+            const auto server = pushRecord(cache, config, "DNS server");
+            if (server.entry == nullptr) {
+                continue;
+            }
+            if (server.changed && router.entry != nullptr) {
+                cache.setRelation(*router.entry, *server.entry);
+            }
+            applyTimeoutAction(config.getName(), CacheTimeout::TYPE_DNS_SERVER, server.lifetime);
+        }
+        // Active entries are never evicted, so the pointers of the first list are still the
+        // entries they named.
+        const auto after = listOf(cache, &CacheMgr::getActiveDnsServers);
+        if (before != after) {
+            notifications[count++].setTxDnsServersUpdatedInd(after);
+        }
+    }
+
+    LmxMgr& lmx = m_data->getLmxMgr();
+    if (!isConnected(lmx)) {
+        // Nothing is queued: the client gets the whole cache when it connects.
+        SOL_TRACE(
+            LAB, "GENERAL", "handleRaSocketEvent",
+            "[%s] Updated %zu objects in RA cache. Solicd client is not connected, no notification will "
+            "be sent",
+            getTraceTag(), count);
+        return;
+    }
+    for (size_t i = 0; i < count; ++i) {
+        notifyOrRestart(lmx, "handleRaSocketEvent", notifications[i]);
+    }
 }
 
+// ---- Cache-entry expiry ----
+
 void Logic::handleCacheExpiredEvent(uint32_t type, const std::string& name) {
-    bool changed = false;
-    uint32_t timeout = 0;
-    CacheMgr& cache = m_data->getCacheMgr();
     switch (type) {
         case CacheTimeout::TYPE_ROUTER:
-            cache.notifyTimeoutExpiresAndGetEntry(&changed, &timeout, name, RouterKind{});
+            handleRouterExpiry(name);
             break;
         case CacheTimeout::TYPE_NETWORK:
-            cache.notifyTimeoutExpiresAndGetEntry(&changed, &timeout, name, NetworkKind{});
+            handleNetworkExpiry(name);
             break;
         case CacheTimeout::TYPE_DNS_SERVER:
-            cache.notifyTimeoutExpiresAndGetEntry(&changed, &timeout, name, DnsServerKind{});
+            handleDnsServerExpiry(name);
             break;
         default:
-            return;
+            break;
     }
-    applyTimeoutAction(name, type, timeout);
-    // Not yet: forwarding the entry's new state to the client.
+}
+
+void Logic::handleRouterExpiry(const std::string& name) {
+    CacheMgr& cache = m_data->getCacheMgr();
+    bool changed = false;
+    uint32_t lifetime = 0;
+    const RouterEntry* router =
+        cache.notifyTimeoutExpiresAndGetEntry(&changed, &lifetime, name, RouterKind{});
+    applyTimeoutAction(name, CacheTimeout::TYPE_ROUTER, lifetime);
+    if (router == nullptr) {
+        return;
+    }
+    const auto active = listOf(cache, &CacheMgr::getActiveRouters);
+    if (active.empty() || !readyForLmxNotify(changed)) {
+        return;
+    }
+    // The expired router, then the router the client should use now (the oldest active one).
+    LmxMgr& lmx = m_data->getLmxMgr();
+    LmxMgr::Message message;
+    message.setTxRouterUpdatedInd(*router);
+    notifyOrRestart(lmx, "handleCacheExpiredEvent", message);
+    message.setTxRouterUpdatedInd(*active.front());
+    notifyOrRestart(lmx, "handleCacheExpiredEvent", message);
+}
+
+void Logic::handleNetworkExpiry(const std::string& name) {
+    CacheMgr& cache = m_data->getCacheMgr();
+    bool changed = false;
+    uint32_t lifetime = 0;
+    const NetworkEntry* network =
+        cache.notifyTimeoutExpiresAndGetEntry(&changed, &lifetime, name, NetworkKind{});
+    applyTimeoutAction(name, CacheTimeout::TYPE_NETWORK, lifetime);
+    if (network == nullptr || !changed) {
+        return;
+    }
+    // Unlike routers and DNS servers, a network change is sent without asking readyForLmxNotify:
+    // a client that is not connected makes the send fail, and that is a restart.
+    LmxMgr& lmx = m_data->getLmxMgr();
+    LmxMgr::Message message;
+    message.setTxNetworkUpdatedInd(*network);
+    notifyOrRestart(lmx, "handleCacheExpiredEvent", message);
+
+    // Then the network the client should use now: the oldest active one of the same router, else
+    // the oldest active one of all.
+    std::list<NetworkEntry*> active;
+    cache.getActiveNetworksOfRouter(network->primaryRouterId, active);
+    if (active.empty()) {
+        cache.getActiveNetworks(active);
+    }
+    if (active.empty()) {
+        return;
+    }
+    message.setTxNetworkUpdatedInd(*active.front());
+    notifyOrRestart(lmx, "handleCacheExpiredEvent", message);
+}
+
+void Logic::handleDnsServerExpiry(const std::string& name) {
+    CacheMgr& cache = m_data->getCacheMgr();
+    bool changed = false;
+    uint32_t lifetime = 0;
+    const DnsServerEntry* server =
+        cache.notifyTimeoutExpiresAndGetEntry(&changed, &lifetime, name, DnsServerKind{});
+    applyTimeoutAction(name, CacheTimeout::TYPE_DNS_SERVER, lifetime);
+    // Only a server whose time is up leaves the active set; a re-armed timer changes nothing the
+    // client sees.
+    if (server == nullptr || lifetime != 0) {
+        return;
+    }
+    const auto active = listOf(cache, &CacheMgr::getActiveDnsServers);
+    if (!readyForLmxNotify(changed)) {
+        return;
+    }
+    LmxMgr::Message message;
+    message.setTxDnsServersUpdatedInd(active);
+    notifyOrRestart(m_data->getLmxMgr(), "handleCacheExpiredEvent", message);
 }
 
 bool Logic::readyForLmxNotify(bool dataUpdated) {
-    const bool isLmxNotify = m_data->getLmxMgr().getDstMboxState() == LmxMgr::DST_MBOX_STATE_CONNECTED;
+    const bool isLmxNotify = isConnected(m_data->getLmxMgr());
     const bool ready = isLmxNotify && dataUpdated;
     if (!ready) {
         SOL_TRACE(LAB, "GENERAL", "readyForLmxNotify",
@@ -50,9 +270,15 @@ bool Logic::readyForLmxNotify(bool dataUpdated) {
     return ready;
 }
 
+// ---- Client messages ----
+
 void Logic::handleLmxEvent() {
+    LmxMgr& lmx = m_data->getLmxMgr();
     LmxMgr::Message message;
-    if (m_data->getLmxMgr().receive(message) == 1) {
+    const uint32_t stateBefore = lmx.getDstMboxState();
+    if (lmx.receive(message) == 1) {
+        // A locate or monitor answer the link could not act on: the client would never be
+        // reached again.
         if (message.getRxType() == LmxMgr::RX_TYPE_INTERNAL) {
             SOL_FATAL("handleLmxEvent", "Internal LMX initialization failed");
         }
@@ -60,15 +286,81 @@ void Logic::handleLmxEvent() {
             return;
         }
     }
-    // Not yet: the connection check with the cache push, and the routers and show-cache requests.
+    const LmxMgr::RxType rxType = message.getRxType();
+    SOL_TRACE(LAB, "GENERAL", "handleLmxEvent", "[%s] Received message with ID %d", getTraceTag(),
+              static_cast<int>(rxType));
+
+    const uint32_t stateAfter = lmx.getDstMboxState();
+    if (stateAfter != stateBefore && stateAfter == LmxMgr::DST_MBOX_STATE_CONNECTED) {
+        SOL_TRACE(LAB, "GENERAL", "handleLmxEvent", "[%s] Client established connection, sending RA cache",
+                  getTraceTag());
+        sendRaCacheToLmxClient();
+    }
+
+    switch (rxType) {
+        case LmxMgr::RX_TYPE_ROUTERS_REQ: {
+            // Answered to whoever asked, subscriber or not, with the routers only.
+            const auto routers = listOf(m_data->getCacheMgr(), &CacheMgr::getRouters);
+            LmxMgr::Message answer;
+            answer.setTxGetRoutersCfm(static_cast<uint32_t>(routers.size()));
+            for (const RouterEntry* router : routers) {
+                answer.setTxGetRoutersCfmPush(*router);
+            }
+            respondOrRestart(lmx, "handleLmxEvent", message, answer);
+            break;
+        }
+        case LmxMgr::RX_TYPE_CLICMD_SHOW_CACHE_REQ:
+            SOL_TRACE(
+                LAB, "GENERAL", "handleLmxEvent",
+                "[%s] Received message RX_TYPE_CLICMD_SHOW_CACHE_REQ to request information about routers "
+                "and networks",
+                getTraceTag());
+            sendShowRainfoToLmxClient(message);
+            break;
+        default:
+            break;
+    }
 }
 
 void Logic::sendRaCacheToLmxClient() {
-    // Not yet: the whole cache as router, network and DNS-server indications.
+    CacheMgr& cache = m_data->getCacheMgr();
+    const auto routers = listOf(cache, &CacheMgr::getRouters);
+    const auto networks = listOf(cache, &CacheMgr::getNetworks);
+    const auto dnsServers = listOf(cache, &CacheMgr::getDnsServers);
+    SOL_TRACE(
+        INFO, "GENERAL", "sendRaCacheToLmxClient",
+        "[%s] Will propagate RA cache to the client. Routers number: %zu Networks number: %zu DNS Servers "
+        "number: %zu.",
+        getTraceTag(), routers.size(), networks.size(), dnsServers.size());
+
+    std::vector<LmxMgr::Message> messages(routers.size() + networks.size() + dnsServers.size());
+    size_t count = 0;
+    for (const RouterEntry* router : routers) {
+        messages[count++].setTxRouterUpdatedInd(*router);
+    }
+    for (const NetworkEntry* network : networks) {
+        messages[count++].setTxNetworkUpdatedInd(*network);
+    }
+    if (!dnsServers.empty()) {
+        messages[count++].setTxDnsServersUpdatedInd(dnsServers);
+    }
+    LmxMgr& lmx = m_data->getLmxMgr();
+    for (size_t i = 0; i < count; ++i) {
+        notifyOrRestart(lmx, "sendRaCacheToLmxClient", messages[i]);
+    }
 }
 
-void Logic::sendShowRainfoToLmxClient(const LmxMgr::Message& /*request*/) {
-    // Not yet: the show-cache text answered to the request's sender.
+void Logic::sendShowRainfoToLmxClient(const LmxMgr::Message& request) {
+    CacheMgr& cache = m_data->getCacheMgr();
+    std::ostringstream text;
+    appendLines(text, "\nRouters:", listOf(cache, &CacheMgr::getRouters));
+    appendLines(text, "\nNetworks:", listOf(cache, &CacheMgr::getNetworks));
+    appendLines(text, "\nDNS Servers:", listOf(cache, &CacheMgr::getDnsServers));
+    text << "\nCounters:" << m_data->getSocketMgr().getCounters() << m_data->getPacketParser().getCounters();
+
+    LmxMgr::Message answer;
+    answer.setTxShowRainfoCfm(text.str());
+    respondOrRestart(m_data->getLmxMgr(), "sendShowRainfoToLmxClient", request, answer);
 }
 
 }  // namespace solicd::SolApp

@@ -35,6 +35,7 @@ public:
     MOCK_METHOD(uint32_t, getDstMboxState, (), (const, override));
     MOCK_METHOD(uint32_t, receive, (Message & message), (override));
     MOCK_METHOD(uint32_t, notify, (Message & message), (override));
+    MOCK_METHOD(uint32_t, respond, (const Message& request, Message& answer), (override));
 };
 
 class MockCacheMgr : public CacheMgr {

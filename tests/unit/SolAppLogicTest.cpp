@@ -295,9 +295,10 @@ TEST_F(LogicTest, ReadableSocketIsTracedAndHandledAndStaysWatched) {
     Logic logic(&m_data);
     ASSERT_EQ(initLogic(logic), 0u);
     int received = 0;
+    // Datagrams the socket rejected: the handler traces them and goes no further.
     EXPECT_CALL(m_data.socket, receive(_)).Times(2).WillRepeatedly([&](SocketMgr::Message& message) {
         m_data.socketPipe.drain();
-        message.m_state = SocketMgr::Message::MSG_STATE_RX_OK;
+        message.m_state = SocketMgr::Message::MSG_STATE_RX_TRUNCATED;
         ++received;
         return 0u;
     });
@@ -308,26 +309,34 @@ TEST_F(LogicTest, ReadableSocketIsTracedAndHandledAndStaysWatched) {
     ASSERT_TRUE(iterateUntil([&] { return received == 2; }));
     const std::string event = tagged("cbRaSocketEvent", "Socket event 1, is received on socket " +
                                                             std::to_string(m_data.socketPipe.readEnd.get()));
-    EXPECT_THAT(capture.records(), ElementsAre(Trace(TraceEvent::LAB, "GENERAL", event),
-                                               Trace(TraceEvent::LAB, "GENERAL", event)));
+    const std::string handled = tagged(
+        "handleRaSocketEvent",
+        "Something went wrong on RA receiving, RX socket state is { no: 4, txt: MSG_STATE_RX_TRUNCATED}");
+    EXPECT_THAT(
+        capture.records(),
+        ElementsAre(Trace(TraceEvent::LAB, "GENERAL", event), Trace(TraceEvent::ERROR, "GENERAL", handled),
+                    Trace(TraceEvent::LAB, "GENERAL", event), Trace(TraceEvent::ERROR, "GENERAL", handled)));
 }
 
 TEST_F(LogicTest, UnexpectedSocketConditionIsReportedAndStillHandled) {
     Logic logic(&m_data);
     setTraceTag(kTag);
     EXPECT_CALL(m_data.socket, receive(_)).WillOnce([](SocketMgr::Message& message) {
-        message.m_state = SocketMgr::Message::MSG_STATE_RX_OK;
+        message.m_state = SocketMgr::Message::MSG_STATE_RX_TRUNCATED;
         return 0u;
     });
     TraceCapture capture;
     EXPECT_EQ(SolApp::cbRaSocketEvent(7, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP), &logic), TRUE);
-    EXPECT_THAT(
-        capture.records(),
-        ElementsAre(Trace(TraceEvent::LAB, "GENERAL",
-                          tagged("cbRaSocketEvent", "Socket event 17, is received on socket 7")),
-                    Trace(TraceEvent::ERROR, "GENERAL",
-                          tagged("cbRaSocketEvent",
-                                 "Unexpected socket event for socket with fd:7 glib condition: 17"))));
+    EXPECT_THAT(capture.records(),
+                ElementsAre(Trace(TraceEvent::LAB, "GENERAL",
+                                  tagged("cbRaSocketEvent", "Socket event 17, is received on socket 7")),
+                            Trace(TraceEvent::ERROR, "GENERAL",
+                                  tagged("cbRaSocketEvent",
+                                         "Unexpected socket event for socket with fd:7 glib condition: 17")),
+                            Trace(TraceEvent::ERROR, "GENERAL",
+                                  tagged("handleRaSocketEvent",
+                                         "Something went wrong on RA receiving, RX socket state is "
+                                         "{ no: 4, txt: MSG_STATE_RX_TRUNCATED}"))));
 }
 
 // ---- terminate ----

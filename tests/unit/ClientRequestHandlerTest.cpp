@@ -1,0 +1,327 @@
+// cbLmxEvent, handleLmxEvent, sendRaCacheToLmxClient and sendShowRainfoToLmxClient: what comes
+// into the daemon's mailbox, and what goes back.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "HandlerDoubles.h"
+#include "RaVectors.h"
+
+using namespace solicd;
+using namespace solicd::test;
+using SolApp::Logic;
+using ::testing::_;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::Return;
+
+namespace {
+
+constexpr uint32_t kSubscriber = 0x51;
+constexpr uint32_t kOtherClient = 0x77;
+
+std::string received(int rxType) {
+    return tagged("handleLmxEvent", "Received message with ID " + std::to_string(rxType));
+}
+
+const std::string kEstablished = tagged("handleLmxEvent", "Client established connection, sending RA cache");
+
+std::string propagate(int routers, int networks, int dnsServers) {
+    return tagged("sendRaCacheToLmxClient",
+                  "Will propagate RA cache to the client. Routers number: " + std::to_string(routers) +
+                      " Networks number: " + std::to_string(networks) +
+                      " DNS Servers number: " + std::to_string(dnsServers) + ".");
+}
+
+size_t allocations() {
+    size_t n = 0;
+    for (const std::string& call : FakeLmx::instance().calls) {
+        n += call.rfind("lmx_alloc(", 0) == 0 ? 1 : 0;
+    }
+    return n;
+}
+
+class ClientRequestTest : public HandlerTest {
+protected:
+    // The next receive holds a message numbered `msgNo` from `sender`; the link's state becomes
+    // `stateAfter` on the way, as a locate or monitor answer would leave it. (A default action, not
+    // an expectation: death tests make the call in a child process.)
+    void nextMessage(uint32_t msgNo, uint32_t sender, uint32_t stateAfter, uint32_t result = 0) {
+        ON_CALL(m_data.lmx, receive(_)).WillByDefault([=, this](LmxMgr::Message& message) {
+            m_data.lmxPipe.drain();
+            message.m_data.m_buffer = lmx_alloc(sizeof(uint32_t), msgNo);
+            message.m_data.m_peer = sender;
+            m_data.lmxState = stateAfter;
+            return result;
+        });
+    }
+    void nothingNext() { EXPECT_CALL(m_data.lmx, receive(_)).WillOnce(Return(1u)); }
+
+    // Two routers, one network and three DNS servers, learnt while the client was away.
+    void fillCache() {
+        m_data.lmxState = LmxMgr::DST_MBOX_STATE_CONNECTING;
+        receiveRa(RaBuilder(1800)
+                      .prefix("2001:db8:1::", 3600, 1800)
+                      .rdnss(600, {"2001:db8::53", "2001:db8::54", "2001:db8::55"})
+                      .bytes(),
+                  "fe80::2");
+        receiveRa(golden::kHeaderOnlyRa, "fe80::1");
+    }
+};
+
+using ClientRequestDeathTest = ClientRequestTest;
+
+// ---- The mailbox source ----
+
+TEST_F(ClientRequestTest, MailboxEventIsTracedHandledAndKeepsTheSource) {
+    nothingNext();
+    TraceCapture capture;
+    EXPECT_EQ(SolApp::cbLmxEvent(7, G_IO_IN, &m_logic), TRUE);
+    EXPECT_THAT(capture.records(),
+                ElementsAre(Trace(TraceEvent::LAB, "GENERAL",
+                                  tagged("cbLmxEvent", "LMX event 1, is received on socket 7"))));
+}
+
+TEST_F(ClientRequestTest, UnexpectedMailboxConditionIsReportedAndStillHandled) {
+    nothingNext();
+    TraceCapture capture;
+    EXPECT_EQ(SolApp::cbLmxEvent(7, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP), &m_logic), TRUE);
+    EXPECT_THAT(
+        capture.records(),
+        ElementsAre(
+            Trace(TraceEvent::LAB, "GENERAL", tagged("cbLmxEvent", "LMX event 17, is received on socket 7")),
+            Trace(TraceEvent::ERROR, "GENERAL",
+                  tagged("cbLmxEvent", "Unexpected socket event for socket with fd:7 glib condition: 17"))));
+}
+
+TEST_F(ClientRequestTest, ReadableMailboxOnTheMainLoopIsAnsweredEachTime) {
+    ASSERT_EQ(
+        m_logic.addFdEvent(SolApp::EVENT_SRC_TYPE_LMX, m_data.lmxPipe.readEnd.get(), &SolApp::cbLmxEvent),
+        0u);
+    nextMessage(SOLIF_GET_ROUTERS_REQ, kOtherClient, LmxMgr::DST_MBOX_STATE_CONNECTED);
+    m_data.lmxPipe.makeReadable();
+    ASSERT_TRUE(iterateUntil([&] { return m_data.responded.size() == 1; }));
+    nextMessage(SOLIF_SHOW_RAINFO_REQ, kOtherClient, LmxMgr::DST_MBOX_STATE_CONNECTED);
+    m_data.lmxPipe.makeReadable();
+    ASSERT_TRUE(iterateUntil([&] { return m_data.responded.size() == 2; }));
+    EXPECT_EQ(m_data.responded[0].decoded.msgNo, SOLIF_GET_ROUTERS_CFM);
+    EXPECT_EQ(m_data.responded[1].decoded.msgNo, SOLIF_SHOW_RAINFO_CFM);
+}
+
+// ---- What receive gives ----
+
+TEST_F(ClientRequestTest, NothingReceivedEndsTheEventQuietly) {
+    nothingNext();
+    EXPECT_CALL(m_data.cache, getRouters(_)).Times(0);
+    TraceCapture capture;
+    m_logic.handleLmxEvent();
+    EXPECT_THAT(capture.records(), IsEmpty());
+}
+
+TEST_F(ClientRequestTest, UnknownMessageIsTracedAndIgnored) {
+    nextMessage(0x1234, kOtherClient, LmxMgr::DST_MBOX_STATE_CONNECTED);
+    EXPECT_CALL(m_data.lmx, respond(_, _)).Times(0);
+    EXPECT_CALL(m_data.lmx, notify(_)).Times(0);
+    TraceCapture capture;
+    m_logic.handleLmxEvent();
+    EXPECT_THAT(capture.records(), ElementsAre(Trace(TraceEvent::LAB, "GENERAL", received(4))));
+}
+
+TEST_F(ClientRequestDeathTest, FailedInternalEventRequestsRestart) {
+    m_data.lmxState = LmxMgr::DST_MBOX_STATE_CONNECTING;
+    nextMessage(LMX_LOCATE_DEFAULT_NO, kSubscriber, LmxMgr::DST_MBOX_STATE_CONNECTING, 1);
+    EXPECT_EXIT(
+        {
+            StderrTraces traces({"handleLmxEvent"});
+            m_logic.handleLmxEvent();
+        },
+        ::testing::ExitedWithCode(70),
+        ::testing::MatchesRegex(restartAfter(
+            traceLine(TraceEvent::ERROR, "GENERAL", "handleLmxEvent(): Internal LMX initialization failed"),
+            "Internal LMX initialization failed")));
+}
+
+// ---- The subscriber arriving ----
+
+TEST_F(ClientRequestTest, SubscriberConnectingToAnEmptyCacheGetsNothing) {
+    m_data.lmxState = LmxMgr::DST_MBOX_STATE_CONNECTING;
+    nextMessage(LMX_LOCATE_DEFAULT_NO, kSubscriber, LmxMgr::DST_MBOX_STATE_CONNECTED);
+    EXPECT_CALL(m_data.lmx, notify(_)).Times(0);
+    TraceCapture capture;
+    m_logic.handleLmxEvent();
+    EXPECT_THAT(capture.records(), ElementsAre(Trace(TraceEvent::LAB, "GENERAL", received(1)),
+                                               Trace(TraceEvent::LAB, "GENERAL", kEstablished),
+                                               Trace(TraceEvent::INFO, "GENERAL", propagate(0, 0, 0))));
+    EXPECT_EQ(allocations(), 1u) << "only the received message; nothing is built";
+}
+
+TEST_F(ClientRequestTest, SubscriberConnectingGetsRoutersThenNetworksThenOneDnsList) {
+    fillCache();
+    nextMessage(LMX_LOCATE_DEFAULT_NO, kSubscriber, LmxMgr::DST_MBOX_STATE_CONNECTED);
+    TraceCapture capture;
+    m_logic.handleLmxEvent();
+    ASSERT_THAT(
+        describe(m_data.notified),
+        ElementsAre("router router/fe80::1", "router router/fe80::2", "network network/2001:db8:1::/64",
+                    "dns dns/2001:db8::53 dns/2001:db8::54 dns/2001:db8::55"));
+    EXPECT_TRUE(sameRecord<SolRouter>(m_data.notified[0].decoded.routers[0], *router("router/fe80::1")));
+    EXPECT_TRUE(sameRecord<SolRouter>(m_data.notified[1].decoded.routers[0], *router("router/fe80::2")));
+    EXPECT_TRUE(
+        sameRecord<SolNetwork>(m_data.notified[2].decoded.networks[0], *network("network/2001:db8:1::/64")));
+    EXPECT_TRUE(
+        sameRecord<SolDnsServer>(m_data.notified[3].decoded.dnsServers[2], *dnsServer("dns/2001:db8::55")));
+    EXPECT_EQ(m_data.notified[3].size, 520u);
+    EXPECT_THAT(capture.records(), ElementsAre(Trace(TraceEvent::LAB, "GENERAL", received(1)),
+                                               Trace(TraceEvent::LAB, "GENERAL", kEstablished),
+                                               Trace(TraceEvent::INFO, "GENERAL", propagate(2, 1, 3))));
+}
+
+TEST_F(ClientRequestTest, WholeCacheIncludesEntriesThatAreNoLongerActive) {
+    fillCache();
+    receiveRa(golden::kManagedLifetimeZeroRa, "fe80::1");  // invalidates fe80::1
+    nextMessage(LMX_LOCATE_DEFAULT_NO, kSubscriber, LmxMgr::DST_MBOX_STATE_CONNECTED);
+    m_logic.handleLmxEvent();
+    ASSERT_GE(m_data.notified.size(), 1u);
+    EXPECT_EQ(describe(m_data.notified[0]), "router router/fe80::1");
+    EXPECT_EQ(m_data.notified[0].decoded.routers[0].m_status.state,
+              static_cast<uint32_t>(sol_router_state_t::STATE_INVALIDATED));
+}
+
+TEST_F(ClientRequestTest, StateChangeThatIsNotAConnectionSendsNoCache) {
+    fillCache();
+    m_data.lmxState = LmxMgr::DST_MBOX_STATE_CONNECTED;
+    // The subscriber died: the link is looking for it again.
+    nextMessage(LMX_MONITOR_DEFAULT_NO, kSubscriber, LmxMgr::DST_MBOX_STATE_CONNECTING);
+    EXPECT_CALL(m_data.lmx, notify(_)).Times(0);
+    TraceCapture capture;
+    m_logic.handleLmxEvent();
+    EXPECT_THAT(capture.records(), ElementsAre(Trace(TraceEvent::LAB, "GENERAL", received(1))));
+}
+
+TEST_F(ClientRequestTest, RequestFromTheConnectedSubscriberSendsNoCache) {
+    fillCache();
+    m_data.lmxState = LmxMgr::DST_MBOX_STATE_CONNECTED;
+    nextMessage(SOLIF_GET_ROUTERS_REQ, kSubscriber, LmxMgr::DST_MBOX_STATE_CONNECTED);
+    EXPECT_CALL(m_data.lmx, notify(_)).Times(0);
+    m_logic.handleLmxEvent();
+    EXPECT_THAT(m_data.respondedTo, ElementsAre(kSubscriber));
+}
+
+TEST_F(ClientRequestDeathTest, FailedNotifyOfTheCacheRequestsRestartAndSendsNothingFurther) {
+    fillCache();
+    nextMessage(LMX_LOCATE_DEFAULT_NO, kSubscriber, LmxMgr::DST_MBOX_STATE_CONNECTED);
+    // The first message goes out, the second fails.
+    ON_CALL(m_data.lmx, notify(_)).WillByDefault([sent = 0](LmxMgr::Message&) mutable {
+        (void)!write(STDERR_FILENO, "notify\n", 7);
+        return ++sent == 1 ? 0u : 1u;
+    });
+    EXPECT_EXIT(
+        {
+            StderrTraces traces({"sendRaCacheToLmxClient"});
+            m_logic.handleLmxEvent();
+        },
+        ::testing::ExitedWithCode(70),
+        ::testing::MatchesRegex(restartAfter(
+            traceLine(TraceEvent::INFO, "GENERAL", propagate(2, 1, 3)) + "notify\nnotify\n" +
+                traceLine(TraceEvent::ERROR, "GENERAL", "sendRaCacheToLmxClient(): LmxMgr::notify"),
+            "LmxMgr::notify")));
+}
+
+// ---- Routers request ----
+
+TEST_F(ClientRequestTest, RoutersRequestFromAnotherMailboxIsAnsweredToItWithRoutersOnly) {
+    fillCache();
+    m_data.lmxState = LmxMgr::DST_MBOX_STATE_CONNECTED;
+    nextMessage(SOLIF_GET_ROUTERS_REQ, kOtherClient, LmxMgr::DST_MBOX_STATE_CONNECTED);
+    TraceCapture capture;
+    m_logic.handleLmxEvent();
+    EXPECT_THAT(m_data.respondedTo, ElementsAre(kOtherClient));
+    ASSERT_THAT(describe(m_data.responded), ElementsAre("routers router/fe80::1 router/fe80::2"));
+    EXPECT_EQ(m_data.responded[0].size, solifGetRoutersCfmSize(2));
+    EXPECT_TRUE(sameRecord<SolRouter>(m_data.responded[0].decoded.routers[1], *router("router/fe80::2")));
+    EXPECT_THAT(capture.records(), ElementsAre(Trace(TraceEvent::LAB, "GENERAL", received(2))));
+}
+
+TEST_F(ClientRequestTest, RoutersRequestToAnEmptyCacheIsAnsweredWithNoRouters) {
+    nextMessage(SOLIF_GET_ROUTERS_REQ, kOtherClient, LmxMgr::DST_MBOX_STATE_CONNECTED);
+    m_logic.handleLmxEvent();
+    ASSERT_THAT(describe(m_data.responded), ElementsAre("routers"));
+    EXPECT_EQ(m_data.responded[0].size, 144u);
+}
+
+TEST_F(ClientRequestTest, RoutersRequestWhileTheClientIsAwayIsStillAnswered) {
+    m_data.lmxState = LmxMgr::DST_MBOX_STATE_NOT_SET;
+    receiveRa(golden::kHeaderOnlyRa);
+    nextMessage(SOLIF_GET_ROUTERS_REQ, kOtherClient, LmxMgr::DST_MBOX_STATE_NOT_SET);
+    m_logic.handleLmxEvent();
+    EXPECT_THAT(describe(m_data.responded), ElementsAre("routers router/fe80::1"));
+}
+
+TEST_F(ClientRequestDeathTest, FailedRoutersAnswerRequestsRestart) {
+    nextMessage(SOLIF_GET_ROUTERS_REQ, kOtherClient, LmxMgr::DST_MBOX_STATE_CONNECTED);
+    ON_CALL(m_data.lmx, respond(_, _)).WillByDefault(Return(1u));
+    EXPECT_EXIT(
+        {
+            StderrTraces traces({"handleLmxEvent"});
+            m_logic.handleLmxEvent();
+        },
+        ::testing::ExitedWithCode(70),
+        ::testing::MatchesRegex(
+            restartAfter(traceLine(TraceEvent::LAB, "GENERAL", received(2)) +
+                             traceLine(TraceEvent::ERROR, "GENERAL", "handleLmxEvent(): LmxMgr::respond"),
+                         "LmxMgr::respond")));
+}
+
+// ---- Show-cache request ----
+
+TEST_F(ClientRequestTest, ShowCacheRequestIsAnsweredWithTheTextDumpToItsSender) {
+    fillCache();
+    nextMessage(SOLIF_SHOW_RAINFO_REQ, kOtherClient, LmxMgr::DST_MBOX_STATE_CONNECTING);
+    TraceCapture capture;
+    m_logic.handleLmxEvent();
+    EXPECT_THAT(
+        capture.records(),
+        ElementsAre(Trace(TraceEvent::LAB, "GENERAL", received(3)),
+                    Trace(TraceEvent::LAB, "GENERAL",
+                          tagged("handleLmxEvent",
+                                 "Received message RX_TYPE_CLICMD_SHOW_CACHE_REQ to request information "
+                                 "about routers and networks"))));
+    const std::string expected = "\nRouters:" + toStr<SolRouter>(*router("router/fe80::1")) + "\n" +
+                                 toStr<SolRouter>(*router("router/fe80::2")) + "\n" +
+                                 "\nNetworks:" + toStr<SolNetwork>(*network("network/2001:db8:1::/64")) +
+                                 "\n" +
+                                 "\nDNS Servers:" + toStr<SolDnsServer>(*dnsServer("dns/2001:db8::53")) +
+                                 "\n" + toStr<SolDnsServer>(*dnsServer("dns/2001:db8::54")) + "\n" +
+                                 toStr<SolDnsServer>(*dnsServer("dns/2001:db8::55")) + "\n" +
+                                 "\nCounters:{rxRa: 0, txRs: 0, txRsFailed: 0, rxRejected: 0}"
+                                 "{raParsed: 1, raDropped: 1, prefixAccepted: 1, prefixIgnored: 0}";
+    EXPECT_THAT(m_data.respondedTo, ElementsAre(kOtherClient));
+    ASSERT_EQ(m_data.responded.size(), 1u);
+    EXPECT_EQ(m_data.responded[0].decoded.msgNo, SOLIF_SHOW_RAINFO_CFM);
+    EXPECT_EQ(m_data.responded[0].decoded.text, expected);
+    EXPECT_EQ(m_data.responded[0].size, expected.size() + 1 + 12);
+}
+
+TEST_F(ClientRequestTest, ShowCacheOfAnEmptyCacheHasTheHeadingsAndCounters) {
+    nextMessage(SOLIF_SHOW_RAINFO_REQ, kOtherClient, LmxMgr::DST_MBOX_STATE_CONNECTED);
+    m_logic.handleLmxEvent();
+    ASSERT_EQ(m_data.responded.size(), 1u);
+    EXPECT_EQ(m_data.responded[0].decoded.text,
+              "\nRouters:\nNetworks:\nDNS Servers:\nCounters:{rxRa: 0, txRs: 0, txRsFailed: 0, rxRejected: 0}"
+              "{raParsed: 0, raDropped: 0, prefixAccepted: 0, prefixIgnored: 0}");
+}
+
+TEST_F(ClientRequestDeathTest, FailedShowCacheAnswerRequestsRestart) {
+    nextMessage(SOLIF_SHOW_RAINFO_REQ, kOtherClient, LmxMgr::DST_MBOX_STATE_CONNECTED);
+    ON_CALL(m_data.lmx, respond(_, _)).WillByDefault(Return(1u));
+    EXPECT_EXIT(
+        {
+            StderrTraces traces({"sendShowRainfoToLmxClient"});
+            m_logic.handleLmxEvent();
+        },
+        ::testing::ExitedWithCode(70),
+        ::testing::MatchesRegex(restartAfter(
+            traceLine(TraceEvent::ERROR, "GENERAL", "sendShowRainfoToLmxClient(): LmxMgr::respond"),
+            "LmxMgr::respond")));
+}
+
+}  // namespace

@@ -1,0 +1,392 @@
+// handleRaSocketEvent: one RA from the socket through the parser into the cache, the entries'
+// timers, the relations and the client.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "HandlerDoubles.h"
+#include "RaVectors.h"
+
+using namespace solicd;
+using namespace solicd::test;
+using SolApp::Logic;
+using ::testing::_;
+using ::testing::An;
+using ::testing::DoDefault;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::Return;
+
+namespace {
+
+constexpr const char* kRouter = "router/fe80::1";
+constexpr const char* kNetwork = "network/2001:db8:1::/64";
+constexpr const char* kDns53 = "dns/2001:db8::53";
+constexpr const char* kDns54 = "dns/2001:db8::54";
+
+std::string updatedNotSent(size_t count) {
+    return tagged("handleRaSocketEvent", "Updated " + std::to_string(count) +
+                                             " objects in RA cache. Solicd client is not connected, no "
+                                             "notification will be sent");
+}
+
+using RaEventTest = HandlerTest;
+using RaEventDeathTest = HandlerTest;
+
+// ---- A first RA ----
+
+TEST_F(RaEventTest, FirstRaForwardsRouterNetworkAndTheDnsListInThatOrder) {
+    TraceCapture capture;
+    receiveRa(golden::kTypicalRa);
+    ASSERT_THAT(describe(m_data.notified),
+                ElementsAre("router router/fe80::1", "network network/2001:db8:1::/64",
+                            "dns dns/2001:db8::53 dns/2001:db8::54"));
+    EXPECT_EQ(m_data.notified[0].size, sizeof(solif_router_updated_ind_t));
+    EXPECT_TRUE(sameRecord<SolRouter>(m_data.notified[0].decoded.routers[0], *router(kRouter)));
+    EXPECT_EQ(m_data.notified[1].size, sizeof(solif_network_updated_ind_t));
+    EXPECT_TRUE(sameRecord<SolNetwork>(m_data.notified[1].decoded.networks[0], *network(kNetwork)));
+    EXPECT_EQ(m_data.notified[2].size, solifDnsServerUpdatedIndSize(2));
+    EXPECT_TRUE(sameRecord<SolDnsServer>(m_data.notified[2].decoded.dnsServers[0], *dnsServer(kDns53)));
+    EXPECT_TRUE(sameRecord<SolDnsServer>(m_data.notified[2].decoded.dnsServers[1], *dnsServer(kDns54)));
+    // Connected and something sent: the handler has nothing of its own to say.
+    EXPECT_THAT(tracesOf(capture, {"handleRaSocketEvent"}), IsEmpty());
+}
+
+TEST_F(RaEventTest, FirstRaArmsOneTimerPerEntryForItsLifetime) {
+    TraceCapture capture;
+    receiveRa(golden::kTypicalRa);
+    EXPECT_THAT(timerActions(capture),
+                ElementsAre("Created ROUTER timeout  with with id:router/fe80::1",
+                            "Timer router/fe80::1 is added, timeout 1800000 msec",
+                            "Created NETWORK timeout  with with id:network/2001:db8:1::/64",
+                            "Timer network/2001:db8:1::/64 is added, timeout 1800000 msec",
+                            "Created DNS_SERVER timeout  with with id:dns/2001:db8::53",
+                            "Timer dns/2001:db8::53 is added, timeout 600000 msec",
+                            "Created DNS_SERVER timeout  with with id:dns/2001:db8::54",
+                            "Timer dns/2001:db8::54 is added, timeout 600000 msec"));
+    EXPECT_THAT(timerNames(), ElementsAre(kDns53, kDns54, kNetwork, kRouter));
+    EXPECT_EQ(m_logic.getTimeouts().at(kNetwork).getType(), Logic::CacheTimeout::TYPE_NETWORK);
+    EXPECT_EQ(m_logic.getTimeouts().at(kDns54).getType(), Logic::CacheTimeout::TYPE_DNS_SERVER);
+}
+
+TEST_F(RaEventTest, FirstRaRelatesTheRouterWithItsNetworkAndDnsServers) {
+    EXPECT_CALL(m_data.cache, setRelation(_, An<const NetworkEntry&>())).Times(1);
+    EXPECT_CALL(m_data.cache, setRelation(_, An<const DnsServerEntry&>())).Times(2);
+    receiveRa(golden::kTypicalRa);
+    const RouterEntry* r = router(kRouter);
+    EXPECT_THAT(r->networkIds, ElementsAre(network(kNetwork)->m_status.id));
+    EXPECT_THAT(r->dnsServerIds, ElementsAre(dnsServer(kDns53)->m_status.id, dnsServer(kDns54)->m_status.id));
+    EXPECT_EQ(network(kNetwork)->primaryRouterId, r->m_status.id);
+    EXPECT_EQ(dnsServer(kDns54)->primaryRouterId, r->m_status.id);
+}
+
+TEST_F(RaEventTest, ReadableSocketOnTheMainLoopRunsTheHandlerAndTheSourceStays) {
+    ASSERT_EQ(m_logic.addFdEvent(SolApp::EVENT_SRC_TYPE_SOCKET, m_data.socketPipe.readEnd.get(),
+                                 &SolApp::cbRaSocketEvent),
+              0u);
+    m_data.queueRa(std::vector<uint8_t>(std::begin(golden::kHeaderOnlyRa), std::end(golden::kHeaderOnlyRa)));
+    m_data.socketPipe.makeReadable();
+    ASSERT_TRUE(iterateUntil([&] { return m_data.notified.size() == 1; }));
+    m_data.queueRa(RaBuilder(900).bytes());
+    m_data.socketPipe.makeReadable();
+    ASSERT_TRUE(iterateUntil([&] { return m_data.notified.size() == 2; }));
+    EXPECT_THAT(describe(m_data.notified), ElementsAre("router router/fe80::1", "router router/fe80::1"));
+    EXPECT_EQ(m_data.notified[1].decoded.routers[0].m_config.routerLifetime, 900);
+}
+
+// ---- Nothing changed ----
+
+TEST_F(RaEventTest, UnchangedRaWithTheClientConnectedSendsNothingAndTracesNothing) {
+    receiveRa(golden::kTypicalRa);
+    receiveRa(golden::kTypicalRa);  // every entry moves from new to updated
+    m_data.notified.clear();
+    TraceCapture capture;
+    EXPECT_CALL(m_data.lmx, notify(_)).Times(0);
+    // Relations are made only for entries that changed.
+    EXPECT_CALL(m_data.cache, setRelation(_, An<const NetworkEntry&>())).Times(0);
+    EXPECT_CALL(m_data.cache, setRelation(_, An<const DnsServerEntry&>())).Times(0);
+    receiveRa(golden::kTypicalRa);
+    EXPECT_THAT(tracesOf(capture, {"handleRaSocketEvent"}), IsEmpty());
+    // The lifetimes still restart every timer.
+    EXPECT_THAT(
+        timerActions(capture),
+        ElementsAre(
+            "Timer router/fe80::1 is removed", "Timer router/fe80::1 is added, timeout 1800000 msec",
+            "Timer network/2001:db8:1::/64 is removed",
+            "Timer network/2001:db8:1::/64 is added, timeout 1800000 msec",
+            "Timer dns/2001:db8::53 is removed", "Timer dns/2001:db8::53 is added, timeout 600000 msec",
+            "Timer dns/2001:db8::54 is removed", "Timer dns/2001:db8::54 is added, timeout 600000 msec"));
+}
+
+TEST_F(RaEventTest, UnchangedRaWithTheClientAwayTracesZeroObjects) {
+    m_data.lmxState = LmxMgr::DST_MBOX_STATE_CONNECTING;
+    receiveRa(golden::kTypicalRa);
+    receiveRa(golden::kTypicalRa);
+    TraceCapture capture;
+    receiveRa(golden::kTypicalRa);
+    EXPECT_THAT(tracesOf(capture, {"handleRaSocketEvent"}),
+                ElementsAre(Trace(TraceEvent::LAB, "GENERAL", updatedNotSent(0))));
+}
+
+// ---- Client not connected ----
+
+TEST_F(RaEventTest, ClientNotConnectedGetsNothingAndTheCountIsTraced) {
+    m_data.lmxState = LmxMgr::DST_MBOX_STATE_CONNECTING;
+    EXPECT_CALL(m_data.lmx, notify(_)).Times(0);
+    TraceCapture capture;
+    receiveRa(golden::kTypicalRa);
+    EXPECT_THAT(tracesOf(capture, {"handleRaSocketEvent"}),
+                ElementsAre(Trace(TraceEvent::LAB, "GENERAL", updatedNotSent(3))));
+    // The cache and the timers move all the same.
+    EXPECT_NE(router(kRouter), nullptr);
+    EXPECT_THAT(timerNames(), ElementsAre(kDns53, kDns54, kNetwork, kRouter));
+}
+
+TEST_F(RaEventTest, ChangesMadeWhileTheClientWasAwayAreNotSentLater) {
+    m_data.lmxState = LmxMgr::DST_MBOX_STATE_NOT_SET;
+    receiveRa(golden::kTypicalRa);
+    m_data.lmxState = LmxMgr::DST_MBOX_STATE_CONNECTED;
+    receiveRa(golden::kTypicalRa);
+    // Only what the second RA changed: every entry went from new to updated, the DNS set stayed.
+    EXPECT_THAT(describe(m_data.notified),
+                ElementsAre("router router/fe80::1", "network network/2001:db8:1::/64"));
+}
+
+// ---- Refused records ----
+
+TEST_F(RaEventTest, RouterRefusedByAFullCacheLeavesNetworksAndDnsServersStoredButUnrelated) {
+    m_data.lmxState = LmxMgr::DST_MBOX_STATE_NOT_SET;
+    for (int i = 0; i < 64; ++i) {
+        receiveRa(golden::kHeaderOnlyRa, "fe80::1:" + std::to_string(i));
+    }
+    m_data.lmxState = LmxMgr::DST_MBOX_STATE_CONNECTED;
+    EXPECT_CALL(m_data.cache, setRelation(_, An<const NetworkEntry&>())).Times(0);
+    EXPECT_CALL(m_data.cache, setRelation(_, An<const DnsServerEntry&>())).Times(0);
+    TraceCapture capture;
+    receiveRa(golden::kTypicalRa);
+    EXPECT_THAT(
+        tracesOf(capture, {"handleRaSocketEvent"}),
+        ElementsAre(Trace(TraceEvent::ERROR, "ADDR_IPV6",
+                          tagged("handleRaSocketEvent",
+                                 "Failed to insert router into RA Cache, possible due to cache overflow, "
+                                 "ignored data {address: fe80::1, reachableTime: 30000, retransTimer: "
+                                 "1000, routerLifetime: 1800, flags: 0x6}"))));
+    EXPECT_EQ(router(kRouter), nullptr);
+    // No router message, so the network comes first.
+    EXPECT_THAT(describe(m_data.notified),
+                ElementsAre("network network/2001:db8:1::/64", "dns dns/2001:db8::53 dns/2001:db8::54"));
+    EXPECT_EQ(network(kNetwork)->primaryRouterId, 0u);
+    EXPECT_THAT(network(kNetwork)->routerIds, IsEmpty());
+    EXPECT_EQ(dnsServer(kDns53)->primaryRouterId, 0u);
+    EXPECT_THAT(dnsServer(kDns54)->routerIds, IsEmpty());
+    EXPECT_EQ(m_logic.getTimeouts().count(kRouter), 0u);
+    EXPECT_EQ(m_logic.getTimeouts().count(kNetwork), 1u);
+}
+
+TEST_F(RaEventTest, RefusedNetworkIsReportedAndTheRestOfThePacketGoesOn) {
+    EXPECT_CALL(m_data.cache, pushConfigAndGetEntry(An<const SolNetwork::Config&>(), _, _))
+        .WillOnce(Return(nullptr));
+    EXPECT_CALL(m_data.cache, setRelation(_, An<const NetworkEntry&>())).Times(0);
+    TraceCapture capture;
+    receiveRa(golden::kTypicalRa);
+    EXPECT_THAT(
+        tracesOf(capture, {"handleRaSocketEvent"}),
+        ElementsAre(Trace(TraceEvent::ERROR, "ADDR_IPV6",
+                          tagged("handleRaSocketEvent",
+                                 "Failed to insert network into RA Cache, possible due to cache overflow, "
+                                 "ignored data {prefix: 2001:db8:1::, prefixLength: 64, validLifetime: "
+                                 "3600, preferredLifetime: 1800, flags: 0x30}"))));
+    EXPECT_THAT(describe(m_data.notified),
+                ElementsAre("router router/fe80::1", "dns dns/2001:db8::53 dns/2001:db8::54"));
+    EXPECT_THAT(timerNames(), ElementsAre(kDns53, kDns54, kRouter));
+}
+
+TEST_F(RaEventTest, RefusedDnsServerIsReportedAndTheOthersStillCount) {
+    EXPECT_CALL(m_data.cache, pushConfigAndGetEntry(An<const SolDnsServer::Config&>(), _, _))
+        .WillOnce(Return(nullptr))
+        .WillRepeatedly(DoDefault());
+    EXPECT_CALL(m_data.cache, setRelation(_, An<const DnsServerEntry&>())).Times(1);
+    TraceCapture capture;
+    receiveRa(golden::kTypicalRa);
+    EXPECT_THAT(tracesOf(capture, {"handleRaSocketEvent"}),
+                ElementsAre(Trace(TraceEvent::ERROR, "ADDR_IPV6",
+                                  tagged("handleRaSocketEvent",
+                                         "Failed to insert DNS server into RA Cache, possible due to cache "
+                                         "overflow, ignored data {index: 0, address: 2001:db8::53, lifetime: "
+                                         "600}"))));
+    EXPECT_THAT(
+        describe(m_data.notified),
+        ElementsAre("router router/fe80::1", "network network/2001:db8:1::/64", "dns dns/2001:db8::54"));
+    EXPECT_THAT(router(kRouter)->dnsServerIds, ElementsAre(dnsServer(kDns54)->m_status.id));
+}
+
+// ---- Timeout actions ----
+
+TEST_F(RaEventTest, LifetimeZeroFromTheCacheRemovesTheEntrysTimer) {
+    receiveRa(golden::kHeaderOnlyRa);
+    ASSERT_THAT(timerNames(), ElementsAre(kRouter));
+    TraceCapture capture;
+    receiveRa(golden::kManagedLifetimeZeroRa);  // the same router, now with lifetime 0
+    EXPECT_THAT(timerActions(capture), ElementsAre("Removed ROUTER timeout with with id:router/fe80::1",
+                                                   "Timer router/fe80::1 is removed"));
+    EXPECT_THAT(timerNames(), IsEmpty());
+    EXPECT_EQ(router(kRouter)->m_status.state, static_cast<uint32_t>(sol_router_state_t::STATE_INVALIDATED));
+}
+
+TEST_F(RaEventTest, KeepFromTheCacheLeavesTheRunningTimerUntouched) {
+    receiveRa(golden::kHeaderOnlyRa);
+    const uint32_t handler = m_logic.getTimeouts().at(kRouter).getHandlerId();
+    EXPECT_CALL(m_data.cache, pushConfigAndGetEntry(An<const SolRouter::Config&>(), _, _))
+        .WillOnce([this](const SolRouter::Config& config, bool* changed, uint32_t* timeout) {
+            RouterEntry* entry = m_data.cache.CacheMgr::pushConfigAndGetEntry(config, changed, timeout);
+            *timeout = TIMEOUT_KEEP;
+            return entry;
+        });
+    TraceCapture capture;
+    receiveRa(RaBuilder(900).bytes());
+    EXPECT_THAT(timerActions(capture), IsEmpty());
+    EXPECT_EQ(m_logic.getTimeouts().at(kRouter).getHandlerId(), handler);
+    EXPECT_NE(g_main_context_find_source_by_id(nullptr, handler), nullptr);
+}
+
+TEST_F(RaEventTest, AnyOtherLifetimeRestartsTheSameTimerFromNow) {
+    receiveRa(golden::kHeaderOnlyRa);
+    TraceCapture capture;
+    receiveRa(RaBuilder(900).bytes());
+    EXPECT_THAT(timerActions(capture), ElementsAre("Timer router/fe80::1 is removed",
+                                                   "Timer router/fe80::1 is added, timeout 900000 msec"));
+}
+
+// ---- DNS servers: the active set ----
+
+TEST_F(RaEventTest, DnsServerBecomingActiveIsForwardedWithTheWholeSet) {
+    receiveRa(RaBuilder(1800).rdnss(600, {"2001:db8::53"}).bytes());
+    EXPECT_THAT(describe(m_data.notified), ElementsAre("router router/fe80::1", "dns dns/2001:db8::53"));
+    m_data.notified.clear();
+    receiveRa(RaBuilder(1800).rdnss(600, {"2001:db8::53", "2001:db8::54"}).bytes());
+    ASSERT_THAT(describe(m_data.notified),
+                ElementsAre("router router/fe80::1", "dns dns/2001:db8::53 dns/2001:db8::54"));
+    EXPECT_EQ(m_data.notified[1].size, solifDnsServerUpdatedIndSize(2));
+    EXPECT_TRUE(sameRecord<SolDnsServer>(m_data.notified[1].decoded.dnsServers[0], *dnsServer(kDns53)));
+}
+
+TEST_F(RaEventTest, DnsServerBecomingInactiveIsForwardedWithTheRemainingSet) {
+    receiveRa(RaBuilder(1800).rdnss(600, {"2001:db8::53", "2001:db8::54"}).bytes());
+    receiveRa(RaBuilder(1800).rdnss(600, {"2001:db8::53", "2001:db8::54"}).bytes());
+    m_data.notified.clear();
+    receiveRa(RaBuilder(1800).rdnss(0, {"2001:db8::53"}).rdnss(600, {"2001:db8::54"}).bytes());
+    EXPECT_THAT(describe(m_data.notified), ElementsAre("dns dns/2001:db8::54"));
+    EXPECT_THAT(timerNames(), ElementsAre(kDns54, kRouter));
+}
+
+TEST_F(RaEventTest, DnsSetIsListedByIdNotByName) {
+    receiveRa(RaBuilder(1800).rdnss(600, {"2001:db8::54"}).bytes());
+    receiveRa(RaBuilder(1800).rdnss(600, {"2001:db8::53"}).bytes());
+    EXPECT_EQ(describe(m_data.notified.back()), "dns dns/2001:db8::54 dns/2001:db8::53");
+}
+
+TEST_F(RaEventTest, DnsServerWhoseDataChangesWithoutLeavingTheSetIsNotForwarded) {
+    receiveRa(RaBuilder(1800).rdnss(600, {"2001:db8::53"}).bytes());
+    receiveRa(RaBuilder(1800).rdnss(600, {"2001:db8::53"}).bytes());
+    m_data.notified.clear();
+    const uint64_t changesBefore = dnsServer(kDns53)->m_status.configChangeCount;
+    // The server changed (it is related again), but the set did not: nothing is sent.
+    EXPECT_CALL(m_data.cache, setRelation(_, An<const DnsServerEntry&>())).Times(1);
+    EXPECT_CALL(m_data.lmx, notify(_)).Times(0);
+    receiveRa(RaBuilder(1800).rdnss(1200, {"2001:db8::53"}).bytes());
+    EXPECT_EQ(dnsServer(kDns53)->m_status.configChangeCount, changesBefore + 1);
+    EXPECT_EQ(dnsServer(kDns53)->m_config.lifetime, 1200u);
+}
+
+TEST_F(RaEventTest, NetworksWithoutDnsServersTraceTheMissingListAndForwardRouterAndNetworks) {
+    EXPECT_CALL(m_data.cache, getActiveDnsServers(_)).Times(0);
+    TraceCapture capture;
+    receiveRa(golden::kPrefixFlagsRa);
+    EXPECT_THAT(tracesOf(capture, {"handleRaSocketEvent"}),
+                ElementsAre(Trace(TraceEvent::LAB, "GENERAL",
+                                  tagged("handleRaSocketEvent", "No DNS server addresses are parsed."))));
+    EXPECT_THAT(describe(m_data.notified),
+                ElementsAre("router router/fe80::1", "network network/2001:db8:11::/64",
+                            "network network/2001:db8:10::/64", "network network/2001:db8:1::/64"));
+}
+
+// ---- Packets that go no further ----
+
+TEST_F(RaEventTest, PacketNotReceivedIntactIsTracedAndDropped) {
+    EXPECT_CALL(m_data.socket, receive(_)).WillOnce([](SocketMgr::Message& message) {
+        message.m_state = SocketMgr::Message::MSG_STATE_RX_TRUNCATED;
+        return 0u;
+    });
+    EXPECT_CALL(m_data.cache, pushConfigAndGetEntry(An<const SolRouter::Config&>(), _, _)).Times(0);
+    TraceCapture capture;
+    m_logic.handleRaSocketEvent();
+    EXPECT_THAT(
+        capture.records(),
+        ElementsAre(Trace(TraceEvent::ERROR, "GENERAL",
+                          tagged("handleRaSocketEvent",
+                                 "Something went wrong on RA receiving, RX socket state is { no: 4, txt: "
+                                 "MSG_STATE_RX_TRUNCATED}"))));
+    EXPECT_EQ(m_data.parser.getCounters().m_counters.raDropped, 0u) << "the packet is not parsed";
+}
+
+TEST_F(RaEventTest, RaWithoutRouterChangesNothing) {
+    EXPECT_CALL(m_data.cache, pushConfigAndGetEntry(An<const SolRouter::Config&>(), _, _)).Times(0);
+    EXPECT_CALL(m_data.cache, pushConfigAndGetEntry(An<const SolNetwork::Config&>(), _, _)).Times(0);
+    EXPECT_CALL(m_data.lmx, notify(_)).Times(0);
+    TraceCapture capture;
+    receiveRa(golden::kTypicalRa, "2001:db8::1");  // not link-local: the parser yields no router
+    EXPECT_THAT(tracesOf(capture, {"handleRaSocketEvent"}),
+                ElementsAre(Trace(TraceEvent::LAB, "GENERAL",
+                                  tagged("handleRaSocketEvent", "No RA message was parsed"))));
+    EXPECT_THAT(timerNames(), IsEmpty());
+}
+
+// ---- Fatal paths ----
+
+TEST_F(RaEventDeathTest, FailedReceiveRequestsRestart) {
+    ON_CALL(m_data.socket, receive(_)).WillByDefault(Return(1u));
+    EXPECT_EXIT(
+        {
+            StderrTraces traces({"handleRaSocketEvent"});
+            m_logic.handleRaSocketEvent();
+        },
+        ::testing::ExitedWithCode(70),
+        ::testing::MatchesRegex(
+            restartAfter(traceLine(TraceEvent::ERROR, "GENERAL", "handleRaSocketEvent(): GenIf::receive()"),
+                         "GenIf::receive()")));
+}
+
+TEST_F(RaEventDeathTest, ParserFailureRequestsRestart) {
+    // A Neighbor Solicitation with code 1: neither type 134 nor code 0.
+    m_data.queueRa({0x87, 0x01, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
+    EXPECT_EXIT(
+        {
+            StderrTraces traces({"raParser", "handleRaSocketEvent"});
+            m_logic.handleRaSocketEvent();
+        },
+        ::testing::ExitedWithCode(70),
+        ::testing::MatchesRegex(restartAfter(
+            traceLine(
+                TraceEvent::ERROR, "ADDR_IPV6",
+                tagged("raParser", "Not a Router Advertisement. Type: 135, code: 1. Why did we get it?")) +
+                traceLine(TraceEvent::ERROR, "GENERAL", "handleRaSocketEvent(): solicd::raParser"),
+            "solicd::raParser")));
+}
+
+TEST_F(RaEventDeathTest, FailedNotifyRequestsRestartAndSendsNothingFurther) {
+    ON_CALL(m_data.lmx, notify(_)).WillByDefault([](LmxMgr::Message&) {
+        (void)!write(STDERR_FILENO, "notify\n", 7);
+        return 1u;
+    });
+    m_data.queueRa(std::vector<uint8_t>(std::begin(golden::kTypicalRa), std::end(golden::kTypicalRa)));
+    EXPECT_EXIT(
+        {
+            StderrTraces traces({"handleRaSocketEvent"});
+            m_logic.handleRaSocketEvent();
+        },
+        ::testing::ExitedWithCode(70),
+        ::testing::MatchesRegex(restartAfter(
+            "notify\n" + traceLine(TraceEvent::ERROR, "GENERAL", "handleRaSocketEvent(): LmxMgr::notify"),
+            "LmxMgr::notify")));
+}
+
+}  // namespace
