@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # solicd works inside what solicd@.service grants it: only CAP_NET_RAW and CAP_SYS_ADMIN, no new
 # privileges, every file system read-only but the mailbox directory. It enters its namespace,
-# opens its raw socket there, creates its mailbox and ends with status 0 on SIGTERM. Without
+# opens its raw socket there, answers `solicctl show` and ends with status 0 on SIGTERM. Without
 # either capability it asks for a restart instead, so the two are needed as well as enough.
 source "$(dirname "$0")/packaging_lib.sh"
 need_root "enter network namespaces and open raw sockets"
@@ -97,6 +97,8 @@ for fd in /proc/"$daemon_pid"/fd/*; do
         found=$inode
 done
 [ -n "$found" ] || fail "no raw ICMPv6 socket of solicd in $ns: $raw6"
+LMX_DIR=$lmx "$solicctl" show "$mbox" >"$work/show.out" || fail "confined solicd does not answer show"
+grep -q '^Counters:' "$work/show.out" || fail "confined solicd's show answer has no counters: $(cat "$work/show.out")"
 
 kill -TERM "$daemon_pid"
 status=0

@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Every system call solicd makes, its LTTng-UST threads included, is one that solicd@.service's
 # SystemCallFilter allows, and every socket it opens is of a family RestrictAddressFamilies
-# allows. Recorded with strace over start-up, tracing to a live session, solicitations, an RA,
-# SIGHUP and SIGTERM.
+# allows. Recorded with strace over start-up, tracing to a session, solicitations, an RA,
+# a show-cache request, SIGHUP and SIGTERM.
 source "$(dirname "$0")/packaging_lib.sh"
 need_root "trace a daemon in network namespaces"
 need_tools strace systemd-analyze unshare ip lttng lttng-sessiond
+solicctl="$SOLICD_BUILD/bin/solicctl"
 
 # Private /run/lttng and /dev/shm: the session daemon and its session are the test's own.
 if [ -z "${SOLICD_FILTER_TEST_ISOLATED:-}" ]; then
@@ -100,6 +101,7 @@ done
 daemon_pid=$(pgrep -P "$strace_pid" -x solicd) || fail "no solicd under strace $strace_pid"
 # An RA from the other end of the link, a signal it ignores, then the end.
 ip netns exec "$ns" "$sender" "$peer" ff02::1 134 16 || fail "could not send an RA"
+LMX_DIR=$work/lmx "$solicctl" show "$mbox" >"$work/show.out" || fail "solicd under strace does not answer show"
 kill -HUP "$daemon_pid"
 sleep 1
 kill -TERM "$daemon_pid"
