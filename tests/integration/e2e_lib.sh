@@ -109,9 +109,18 @@ lab_up()
 }
 
 # router_address ADDR: one more source address for crafted RAs (one "router" per address).
+# Even without DAD the kernel clears an address's tentative flag asynchronously, and a
+# tentative address cannot be a source yet: wait for it.
 router_address()
 {
     ip -n "$RTR" addr add "$1/64" dev "$IR" nodad
+    local i shown
+    for i in $(seq 1 100); do
+        shown=$(ip -n "$RTR" -6 -o addr show dev "$IR")
+        grep -q " $1/64 " <<<"$shown" && ! grep -q " $1/64 .*tentative" <<<"$shown" && return 0
+        sleep 0.1
+    done
+    fail "address $1 on $IR stays tentative"
 }
 
 # send_ra SOURCE [FIELD=VALUE]...: one crafted RA to ff02::1 from SOURCE (see ra_sender.cpp).
