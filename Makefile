@@ -3,7 +3,7 @@ BUILD      ?= build
 JOBS       ?= $(shell nproc)
 BUILD_TYPE ?= RelWithDebInfo
 
-.PHONY: all deps build test bench fuzz install package clean
+.PHONY: all deps build test demo bench fuzz install package clean
 
 all: build
 
@@ -16,6 +16,12 @@ build: deps
 
 test: build
 	@ctest --test-dir $(BUILD) --output-on-failure -j$(JOBS)
+
+# The lab of scripts/demo (root: namespaces and raw sockets); only the two programs it runs are built.
+demo: deps
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) >/dev/null
+	@cmake --build $(BUILD) -j$(JOBS) --target solicd solicctl
+	@SOLICD_BIN=$(abspath $(BUILD))/bin scripts/demo
 
 # Every benchmark executable in build/bin named bench_*; figures are printed.
 bench: build
