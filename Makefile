@@ -3,7 +3,7 @@ BUILD      ?= build
 JOBS       ?= $(shell nproc)
 BUILD_TYPE ?= RelWithDebInfo
 
-.PHONY: all deps build test bench bench-flood fuzz clean
+.PHONY: all deps build test demo bench bench-flood fuzz install package clean
 
 all: build
 
@@ -16,6 +16,12 @@ build: deps
 
 test: build
 	@ctest --test-dir $(BUILD) --output-on-failure -j$(JOBS)
+
+# The lab of scripts/demo (root: namespaces and raw sockets); only the two programs it runs are built.
+demo: deps
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) >/dev/null
+	@cmake --build $(BUILD) -j$(JOBS) --target solicd solicctl
+	@SOLICD_BIN=$(abspath $(BUILD))/bin scripts/demo
 
 # Every benchmark executable in build/bin named bench_*; figures are printed.
 bench: build
@@ -32,6 +38,25 @@ fuzz: deps
 	@CC=clang CXX=clang++ cmake -S . -B build-fuzz -DSOLICD_FUZZ=ON -DSOLICD_TESTS=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 	@cmake --build build-fuzz -j$(JOBS)
 	@scripts/run-fuzzers build-fuzz/bin $(FUZZ_SECONDS)
+
+# Installs into $(DESTDIR)$(PREFIX). The prefix is configured into the build, since the systemd
+# unit and the pkg-config files name it; a real install (no DESTDIR) refreshes the linker cache.
+PREFIX  ?= /usr/local
+DESTDIR ?=
+install: deps
+	@cmake -S . -B $(BUILD) -DCMAKE_INSTALL_PREFIX=$(PREFIX) >/dev/null
+	@cmake --build $(BUILD) -j$(JOBS)
+	@DESTDIR="$(DESTDIR)" cmake --install $(BUILD)
+	@if [ -z "$(DESTDIR)" ] && [ "$$(id -u)" -eq 0 ]; then ldconfig; fi
+
+# The Debian package, built in its own tree for /usr without tests or benchmarks.
+PACKAGE_BUILD ?= build-package
+package: deps
+	@cmake -S . -B $(PACKAGE_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
+	    -DSOLICD_TESTS=OFF -DSOLICD_BENCH=OFF >/dev/null
+	@cmake --build $(PACKAGE_BUILD) -j$(JOBS)
+	@cd $(PACKAGE_BUILD) && cpack -G DEB >/dev/null
+	@ls $(PACKAGE_BUILD)/solicd_*.deb
 
 clean:
 	rm -rf build build-*

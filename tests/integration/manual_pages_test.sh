@@ -1,0 +1,59 @@
+#!/usr/bin/env bash
+# solicd(8) and solicctl(1) render without a warning, have their sections, and name every option
+# and command the programs themselves list in --help.
+source "$(dirname "$0")/packaging_lib.sh"
+need_tools man
+
+render() {
+    MANWIDTH=80 man --warnings -l "$SOLICD_BUILD/packaging/man/$1" 2>"$work/$1.warnings"
+}
+
+check_page() {
+    local page=$1 text
+    shift
+    [ -f "$SOLICD_BUILD/packaging/man/$page" ] || fail "$page not built"
+    text=$(render "$page") || fail "man cannot render $page"
+    if [ -s "$work/$page.warnings" ]; then
+        cat "$work/$page.warnings"
+        fail "$page renders with warnings"
+    fi
+    local want
+    for want in "$@"; do
+        grep -qF -- "$want" <<<"$text" || fail "$page does not mention: $want"
+    done
+    printf '%s\n' "$text" >"$work/$page.txt"
+}
+
+check_page solicd.8 NAME SYNOPSIS DESCRIPTION OPTIONS SIGNALS "EXIT STATUS" ENVIRONMENT FILES \
+    EXAMPLES "SEE ALSO" \
+    "-n, --namespace=NAMESPACE" "-i, --interface=IF" "-s, --source=MBOX_LOCAL" \
+    "-d, --destination=MBOX_REMOTE" "-v, --verbose" "-h, --help" \
+    "solicd: restart requested at FILE:LINE: TEXT" "status 70" "SIGINT, SIGTERM" \
+    "SIGHUP, SIGQUIT" SIGPIPE LMX_DIR /run/lmx /var/run/netns/NAME /etc/solicd/NAME.conf \
+    "systemctl enable --now solicd@NAME" com_orvane_kt_solicd solicd-trace
+check_page solicctl.1 NAME SYNOPSIS DESCRIPTION COMMANDS OPTIONS "EXIT STATUS" ENVIRONMENT \
+    FILES EXAMPLES "SEE ALSO" \
+    "solicctl [--dir DIR] ls" "solicctl [--dir DIR] show MBOX" \
+    "solicctl [--dir DIR] routers MBOX [--json]" \
+    "solicctl [--dir DIR] watch MBOX [--json] [--count N] [--timeout SEC]" \
+    "--dir DIR" --json "--count N" "--timeout SEC" "-h, --help" LMX_DIR /run/lmx \
+    "request failed or timed out" "Usage error" router_updated network_updated \
+    dns_servers_updated
+
+# Whatever the programs offer must be documented: every long option of their help texts.
+documents_help_of() {
+    local page=$1 binary=$2 option
+    shift 2
+    "$binary" "$@" >"$work/help.txt" 2>&1 || fail "$binary $* does not exit 0"
+    for option in $(grep -oE -- '--[a-z][a-z-]+' "$work/help.txt" | sort -u); do
+        # GLib's own --help-all and --help-GROUP are not solicd's options.
+        case "$option" in --help-*) continue ;; esac
+        grep -qF -- "$option" "$work/$page.txt" || fail "$page does not document $option of '$binary $*'"
+    done
+}
+documents_help_of solicd.8 "$SOLICD_BUILD/bin/solicd" --help
+documents_help_of solicctl.1 "$SOLICD_BUILD/bin/solicctl" --help
+for command in ls show routers watch; do
+    documents_help_of solicctl.1 "$SOLICD_BUILD/bin/solicctl" "$command" --help
+done
+echo "PASS: solicd(8) and solicctl(1) render cleanly and cover every option"
