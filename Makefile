@@ -3,7 +3,7 @@ BUILD      ?= build
 JOBS       ?= $(shell nproc)
 BUILD_TYPE ?= RelWithDebInfo
 
-.PHONY: all deps build test demo bench fuzz install package clean
+.PHONY: all deps build test demo bench bench-flood fuzz install package clean
 
 all: build
 
@@ -26,6 +26,11 @@ demo: deps
 # Every benchmark executable in build/bin named bench_*; figures are printed.
 bench: build
 	@for b in $(BUILD)/bin/bench_*; do echo "== $$(basename $$b)"; $$b --benchmark_min_time=0.2; done
+
+# The flood benchmark (root): RA floods over a veth between two namespaces against a raw-socket
+# reference; the table is printed and written to bench/results/latest.md.
+bench-flood: build
+	@bench/flood/run.sh
 
 # Each fuzz target for FUZZ_SECONDS over its seeds and regression inputs (clang, ASan+UBSan).
 FUZZ_SECONDS ?= 30

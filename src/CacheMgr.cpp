@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <limits>
 #include <map>
+#include <string_view>
 
+#include "EntryName.h"
 #include "TraceLog.h"
 
 namespace solicd {
@@ -385,9 +387,15 @@ public:
     using Config = typename Entry::Config;
     using Status = typename Entry::Status;
 
-    Entry* find(const std::string& name) {
+    Entry* find(std::string_view name) {
         const auto it = entries.find(name);
         return it == entries.end() ? nullptr : &it->second;
+    }
+
+    // The entry of a configuration's name, looked up without building a string.
+    Entry* find(const Config& config) {
+        char name[SOL_ENTRY_NAME_SIZE];
+        return find(writeEntryName(config, name));
     }
 
     Entry* push(const Config& config, bool& changed, uint32_t& timeout, const CacheMgr::Clock& clock) {
@@ -395,10 +403,12 @@ public:
         timeout = 0;
         SOL_TRACE(LAB, kCategory, "pushConfigAndGetEntry", "[%s] pushConfig for %s", getTraceTag(),
                   toStr(config).c_str());
-        std::string name = config.getName();
+        // The name is made a string only for a new entry: an RA mostly refreshes known ones.
+        char nameText[SOL_ENTRY_NAME_SIZE];
+        const std::string_view name = writeEntryName(config, nameText);
         auto it = entries.find(name);
         if (it != entries.end()) {
-            changed = update(it->second, name, config, timeout, clock());
+            changed = update(it->second, it->first, config, timeout, clock());
             return &it->second;
         }
         if (entries.size() >= maxSize && !evict(clock())) {
@@ -408,7 +418,7 @@ public:
                 getTraceTag(), maxSize, toStr(config).c_str());
             return nullptr;
         }
-        Entry& entry = create(std::move(name), config, timeout, clock());
+        Entry& entry = create(std::string(name), config, timeout, clock());
         changed = true;
         return &entry;
     }
@@ -441,10 +451,15 @@ public:
                 out.push_back(&entry);
             }
         }
-        out.sort([](const Entry* a, const Entry* b) { return a->m_status.id < b->m_status.id; });
+        const auto byId = [](const Entry* a, const Entry* b) { return a->m_status.id < b->m_status.id; };
+        // Name order is often id order already; std::list::sort costs its 64 scratch lists even then.
+        if (!std::is_sorted(out.begin(), out.end(), byId)) {
+            out.sort(byId);
+        }
     }
 
-    std::map<std::string, Entry> entries;
+    // Transparent comparison: look-ups by a name in a buffer need no string.
+    std::map<std::string, Entry, std::less<>> entries;
     int32_t lastId = 0;
     size_t maxSize = 0;
     CacheCb* callback = nullptr;
@@ -566,8 +581,8 @@ public:
     template <class Other>
     void setRelation(const RouterEntry& router, const Other& other, EntryStore<Other>& store,
                      std::set<uint32_t> RouterEntry::*routerSide, const char* word) {
-        RouterEntry* storedRouter = m_routers.find(router.m_config.getName());
-        Other* storedOther = store.find(other.m_config.getName());
+        RouterEntry* storedRouter = m_routers.find(router.m_config);
+        Other* storedOther = store.find(other.m_config);
         if (storedRouter == nullptr || storedOther == nullptr) {
             SOL_TRACE(INFO, kCategory, "setRelation",
                       "[%s] There is no relation found in CacheEntry for router: %p and %s: %p",

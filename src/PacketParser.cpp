@@ -273,6 +273,10 @@ void appendRdnssAddresses(const uint8_t* option, uint8_t units, uint32_t& ordina
     }
     const size_t count = (units - 1u) / kRdnssUnitsPerAddress;
     const uint32_t lifetime = readNet32(option + kRdnssLifetimeOffset);
+    // One allocation for the usual single option; later ones grow the list as push_back does.
+    if (dnsServers.empty()) {
+        dnsServers.reserve(count);
+    }
     for (size_t i = 0; i < count; ++i) {
         SolDnsServer::Config server;
         server.index = ordinal++;

@@ -540,6 +540,25 @@ bool findLinkLocalInNetlink(const uint8_t* data, size_t length, const std::strin
 
 // ---- Reception ----
 
+namespace {
+
+// if_indextoname through the socket we hold instead of one opened and closed for each call:
+// the same name, and ENXIO for an unknown index, without two extra system calls per datagram.
+bool interfaceName(int socket, unsigned index, char* name) {
+    struct ifreq request {};
+    request.ifr_ifindex = static_cast<int>(index);
+    if (::ioctl(socket, SIOCGIFNAME, &request) < 0) {
+        if (errno == ENODEV) {
+            errno = ENXIO;
+        }
+        return false;
+    }
+    std::strncpy(name, request.ifr_name, IF_NAMESIZE);
+    return true;
+}
+
+}  // namespace
+
 uint32_t SocketMgr::receive(Message& message) {
     constexpr const char* kFn = "receive";
     message.m_state = Message::MSG_STATE_UNSET;
@@ -589,7 +608,7 @@ uint32_t SocketMgr::receive(Message& message) {
         }
     }
     char arrival[IF_NAMESIZE] = {};
-    if (!haveInfo || ::if_indextoname(info.ipi6_ifindex, arrival) == nullptr) {
+    if (!haveInfo || !interfaceName(m_socket.get(), info.ipi6_ifindex, arrival)) {
         const int err = errno;
         SOL_TRACE(ERROR, kCategorySocket, kFn,
                   "[%s] couldn't find interface name for RX message, error: %s (%d)", getTraceTag(),
@@ -607,25 +626,26 @@ uint32_t SocketMgr::receive(Message& message) {
     }
     message.m_state = Message::MSG_STATE_RX_OK;
 
-    char sourceText[INET6_ADDRSTRLEN];
-    char destinationText[INET6_ADDRSTRLEN];
-    const bool sourceConverted =
-        ::inet_ntop(AF_INET6, &source.sin6_addr, sourceText, sizeof sourceText) != nullptr;
-    if (sourceConverted) {
-        message.m_peer.family = AF_INET6;
-        std::memcpy(message.m_peer.bytes, &source.sin6_addr, sizeof message.m_peer.bytes);
-    }
-    if (!sourceConverted ||
-        ::inet_ntop(AF_INET6, &info.ipi6_addr, destinationText, sizeof destinationText) == nullptr) {
-        SOL_TRACE(ERROR, kCategorySocket, kFn, "[%s] Couldn't convert IPv6 address to string", getTraceTag());
-        message.m_state = Message::MSG_STATE_RX_ERROR;
-        return 1;
-    }
-    SOL_TRACE(LAB, kCategorySocket, kFn, "[%s] Received message on interface [%s], RA: %s->%s", getTraceTag(),
-              arrival, sourceText, destinationText);
-    if (m_verbose) {
-        std::cout << "Received an IPv6 Router Advertisement from " << sourceText << " on interface "
-                  << arrival << " sent to " << destinationText << std::endl;
+    message.m_peer.family = AF_INET6;
+    std::memcpy(message.m_peer.bytes, &source.sin6_addr, sizeof message.m_peer.bytes);
+    // The texts serve the trace and the verbose line only: under a flood of RAs nobody reads
+    // them, so they are written only when one of the two does.
+    if (SOL_TRACE_ENABLED(LAB) || m_verbose) {
+        char sourceText[INET6_ADDRSTRLEN];
+        char destinationText[INET6_ADDRSTRLEN];
+        if (::inet_ntop(AF_INET6, &source.sin6_addr, sourceText, sizeof sourceText) == nullptr ||
+            ::inet_ntop(AF_INET6, &info.ipi6_addr, destinationText, sizeof destinationText) == nullptr) {
+            SOL_TRACE(ERROR, kCategorySocket, kFn, "[%s] Couldn't convert IPv6 address to string",
+                      getTraceTag());
+            message.m_state = Message::MSG_STATE_RX_ERROR;
+            return 1;
+        }
+        SOL_TRACE(LAB, kCategorySocket, kFn, "[%s] Received message on interface [%s], RA: %s->%s",
+                  getTraceTag(), arrival, sourceText, destinationText);
+        if (m_verbose) {
+            std::cout << "Received an IPv6 Router Advertisement from " << sourceText << " on interface "
+                      << arrival << " sent to " << destinationText << std::endl;
+        }
     }
     if (m_rsTimeout.m_soliciting) {
         SOL_TRACE(LAB, kCategoryGeneral, kFn, "[%s] RA received after solicitation", getTraceTag());

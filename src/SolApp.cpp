@@ -227,7 +227,16 @@ uint32_t Logic::installSignalActions() {
 }
 
 guint Logic::addUnixFdSource(int fd, GUnixFDSourceFunc callback) {
-    return g_unix_fd_add(fd, G_IO_IN, callback, this);
+    // g_unix_fd_add, except that GLib does not block the source while its callback runs. Blocking
+    // takes the descriptor out of the poll set and puts it back, two main-context wakeups and one
+    // more loop iteration for every RA; it guards against re-entry from a nested main loop, and
+    // no callback here runs one.
+    GSource* source = g_unix_fd_source_new(fd, G_IO_IN);
+    g_source_set_can_recurse(source, TRUE);
+    g_source_set_callback(source, G_SOURCE_FUNC(callback), this, nullptr);
+    const guint id = g_source_attach(source, nullptr);
+    g_source_unref(source);
+    return id;
 }
 
 uint32_t Logic::addFdEvent(EventSrcType type, int fd, GUnixFDSourceFunc callback) {
@@ -343,35 +352,39 @@ void Logic::CacheTimeout::cbExpired() {
     logic->handleCacheExpiredEvent(type, name);
 }
 
-void Logic::orderTimeout(const std::string& name, uint32_t type, uint32_t seconds) {
+void Logic::orderTimeout(std::string_view name, uint32_t type, uint32_t seconds) {
     uint32_t interval = kCappedTimeoutMs;
     if (seconds <= kMaxTimeoutSeconds) {
         interval = seconds * 1000;
     } else {
-        SOL_TRACE(INFO, "ADDR_IPV6", "orderTimeout",
-                  "[%s] Impossible to order timeout %d sec for %s cache entry %s requested value is greater "
-                  "than max "
-                  "supported %d",
-                  getTraceTag(), static_cast<int>(seconds), CacheTimeout::typeToCstr(type), name.c_str(),
-                  static_cast<int>(kMaxTimeoutSeconds));
+        SOL_TRACE(
+            INFO, "ADDR_IPV6", "orderTimeout",
+            "[%s] Impossible to order timeout %d sec for %s cache entry %.*s requested value is greater "
+            "than max "
+            "supported %d",
+            getTraceTag(), static_cast<int>(seconds), CacheTimeout::typeToCstr(type),
+            static_cast<int>(name.size()), name.data(), static_cast<int>(kMaxTimeoutSeconds));
     }
     auto found = m_timeouts.find(name);
     if (found != m_timeouts.end()) {
         // One timer per name: a new order restarts it from now and keeps its first type.
-        found->second.remove();
-        found->second.add(interval);
+        found->second.restart(interval);
         return;
     }
-    CacheTimeout& timeout = m_timeouts.try_emplace(name).first->second;
-    timeout.init(this, type, name);
+    const std::string key(name);
+    CacheTimeout& timeout = m_timeouts.try_emplace(key).first->second;
+    timeout.init(this, type, key);
     timeout.add(interval);
 }
 
-void Logic::removeTimeout(const std::string& name) {
-    m_timeouts.erase(name);
+void Logic::removeTimeout(std::string_view name) {
+    const auto found = m_timeouts.find(name);
+    if (found != m_timeouts.end()) {
+        m_timeouts.erase(found);
+    }
 }
 
-void Logic::applyTimeoutAction(const std::string& name, uint32_t type, uint32_t timeout) {
+void Logic::applyTimeoutAction(std::string_view name, uint32_t type, uint32_t timeout) {
     if (timeout == 0) {
         removeTimeout(name);
     } else if (timeout != TIMEOUT_KEEP) {

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
 
 #include "ArgParser.h"
 #include "CacheMgr.h"
@@ -118,11 +119,12 @@ public:
     void handleSignalEvent(int signal);
     void handleGLibEvent(const gchar* domain, GLogLevelFlags level, const gchar* message);
 
-    // Cache-entry timers, keyed by entry name.
-    void orderTimeout(const std::string& name, uint32_t type, uint32_t seconds);
-    void removeTimeout(const std::string& name);
+    // Cache-entry timers, keyed by entry name. Names come as views: the RA handler writes them into
+    // a buffer, and a known timer is found without building a string.
+    void orderTimeout(std::string_view name, uint32_t type, uint32_t seconds);
+    void removeTimeout(std::string_view name);
     // Acts on a cache timeout action: 0 removes the timer, TIMEOUT_KEEP leaves it, else (re)arms.
-    void applyTimeoutAction(const std::string& name, uint32_t type, uint32_t timeout);
+    void applyTimeoutAction(std::string_view name, uint32_t type, uint32_t timeout);
 
     // Event handlers (SolAppHandlers.cpp).
     void handleRaSocketEvent();
@@ -133,7 +135,8 @@ public:
     void sendShowRainfoToLmxClient(const LmxMgr::Message& request);
 
     const std::map<EventSrcType, uint32_t>& getFdEvents() const { return m_fdEvents; }
-    const std::map<std::string, CacheTimeout>& getTimeouts() const { return m_timeouts; }
+    using Timeouts = std::map<std::string, CacheTimeout, std::less<>>;
+    const Timeouts& getTimeouts() const { return m_timeouts; }
 
 protected:
     // The one GLib call that registers a descriptor; GLib source id, 0 when refused.
@@ -148,7 +151,7 @@ private:
 
     DataIf* m_data;
     std::map<EventSrcType, uint32_t> m_fdEvents;
-    std::map<std::string, CacheTimeout> m_timeouts;
+    Timeouts m_timeouts;
 };
 
 }  // namespace solicd::SolApp

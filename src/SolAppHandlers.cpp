@@ -2,9 +2,11 @@
 #include <algorithm>
 #include <list>
 #include <sstream>
+#include <string_view>
 #include <type_traits>
 #include <vector>
 
+#include "EntryName.h"
 #include "SolApp.h"
 #include "TraceLog.h"
 
@@ -101,6 +103,7 @@ void Logic::handleRaSocketEvent() {
     std::vector<LmxMgr::Message> notifications(1 + networks.size() + std::max<size_t>(dnsServers.size(), 1));
     size_t count = 0;
     CacheMgr& cache = m_data->getCacheMgr();
+    char name[SOL_ENTRY_NAME_SIZE];
 
     // Only the first router counts: the parser gives at most one per packet.
     const SolRouter::Config& routerConfig = routers.front();
@@ -109,7 +112,7 @@ void Logic::handleRaSocketEvent() {
         if (router.changed) {
             notifications[count++].setTxRouterUpdatedInd(*router.entry);
         }
-        applyTimeoutAction(routerConfig.getName(), CacheTimeout::TYPE_ROUTER, router.lifetime);
+        applyTimeoutAction(writeEntryName(routerConfig, name), CacheTimeout::TYPE_ROUTER, router.lifetime);
     }
 
     for (const SolNetwork::Config& config : networks) {
@@ -123,7 +126,7 @@ void Logic::handleRaSocketEvent() {
                 cache.setRelation(*router.entry, *network.entry);
             }
         }
-        applyTimeoutAction(config.getName(), CacheTimeout::TYPE_NETWORK, network.lifetime);
+        applyTimeoutAction(writeEntryName(config, name), CacheTimeout::TYPE_NETWORK, network.lifetime);
     }
 
     if (dnsServers.empty()) {
@@ -141,7 +144,7 @@ void Logic::handleRaSocketEvent() {
             if (server.changed && router.entry != nullptr) {
                 cache.setRelation(*router.entry, *server.entry);
             }
-            applyTimeoutAction(config.getName(), CacheTimeout::TYPE_DNS_SERVER, server.lifetime);
+            applyTimeoutAction(writeEntryName(config, name), CacheTimeout::TYPE_DNS_SERVER, server.lifetime);
         }
         // Active entries are never evicted, so the pointers of the first list are still the
         // entries they named.

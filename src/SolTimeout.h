@@ -19,6 +19,10 @@ public:
     void add(uint32_t interval);
     // Disarms the timer if it is armed.
     void remove();
+    // remove() then add(interval): the timer runs again from now for `interval` ms. Every RA
+    // restarts the timers of its entries, so while LAB is off (nobody reads the handler ids of the
+    // removal and addition traces) an armed timer keeps its GLib source instead of replacing it.
+    void restart(uint32_t interval);
 
     // Called once per arming, after the timer has been disarmed.
     virtual void cbExpired() = 0;
@@ -33,6 +37,11 @@ private:
     static gboolean timeoutCb(gpointer object);
 
     uint32_t m_handlerId = 0;
+    // The armed source (owned by the default main context) and the monotonic time, in
+    // microseconds, at which the timer runs out. A kept source may become ready before that
+    // time: it then waits on, unseen.
+    GSource* m_source = nullptr;
+    gint64 m_expiry = 0;
     std::string m_name = "undefined";
 };
 

@@ -110,6 +110,19 @@ static_assert(sizeof(sol_packet_counters_t) == 32);
 inline constexpr uint8_t KT_AF_INET6 = 10;
 
 std::string kt_ip_address_ntop(const kt_ip_address_t& address);
+
+// Exactly inet_ntop's text of an IPv6 address (the longest run of two or more zero groups, the
+// first of equal ones, as "::"; the IPv4-compatible and IPv4-mapped forms in dotted decimal),
+// written without the formatted output inet_ntop runs per group: names are built on every RA.
+// `text` holds at least KT_IP6_TEXT_SIZE bytes; the result is NUL-terminated and its length
+// returned.
+inline constexpr size_t KT_IP6_TEXT_SIZE = 46;
+size_t kt_ip6_address_text(const uint8_t* bytes, char* text);
+
+// Room for any entry name and its NUL: the longest kind word ("network/"), an address with its
+// NUL (KT_IP6_TEXT_SIZE), then "/" and a 32-bit length in decimal (SOL_DECIMAL_U32_SIZE).
+inline constexpr size_t SOL_DECIMAL_U32_SIZE = 11;
+inline constexpr size_t SOL_ENTRY_NAME_SIZE = 8 + KT_IP6_TEXT_SIZE + SOL_DECIMAL_U32_SIZE;
 std::ostream& operator<<(std::ostream& os, const kt_ip_address_t& address);
 
 // A conventional hex dump: per 16 bytes one line of the offset (8 hex digits), the bytes in hex
@@ -184,6 +197,9 @@ public:
 
         // "router/fe80::1": one name per router address.
         std::string getName() const;
+        // getName() into `text` (SOL_ENTRY_NAME_SIZE bytes, NUL-terminated) without allocating;
+        // the length written.
+        size_t writeName(char* text) const;
         bool isNotEqual(const Config& other) const;
         const sol_router_config_t& data() const { return *this; }
     };
@@ -216,6 +232,9 @@ public:
 
         // "network/2001:db8:1::/64": the prefix masked to its length.
         std::string getName() const;
+        // getName() into `text` (SOL_ENTRY_NAME_SIZE bytes, NUL-terminated) without allocating;
+        // the length written.
+        size_t writeName(char* text) const;
         bool isNotEqual(const Config& other) const;
         bool isFlagOnLinkSet() const { return (flags & FLAG_ON_LINK) != 0; }
         bool isValidLifetimeInfinite() const { return validLifetime == kInfiniteLifetime; }
@@ -251,6 +270,9 @@ public:
 
         // "dns/2001:db8::53": one name per server address.
         std::string getName() const;
+        // getName() into `text` (SOL_ENTRY_NAME_SIZE bytes, NUL-terminated) without allocating;
+        // the length written.
+        size_t writeName(char* text) const;
         bool isNotEqual(const Config& other) const;
         const sol_dns_server_config_t& data() const { return *this; }
     };

@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "SolApp.h"
 #include "SolAppDoubles.h"
@@ -284,6 +285,114 @@ TEST_F(CacheTimeoutTest, DestroyingTheLogicDestroysEveryTimer) {
     EXPECT_EQ(g_main_context_find_source_by_id(nullptr, dnsHandler), nullptr);
     EXPECT_EQ(g_main_context_find_source_by_id(nullptr, routerHandler), nullptr);
     EXPECT_EQ(Logic::getInstance(), nullptr);
+}
+
+// Every event but LAB: the handler ids of the timer traces are not read.
+constexpr unsigned kAllButLab = trace::kAllEvents & ~trace::bit(TraceEvent::LAB);
+
+TEST_F(CacheTimeoutTest, RestartWhileLabIsOffKeepsTheSourceAndRunsOutAtTheNewExpiryOnly) {
+    int expiries = 0;
+    ON_CALL(m_data.cache, notifyTimeoutExpiresAndGetEntry(_, _, _, ::testing::A<NetworkKind>()))
+        .WillByDefault([&](bool*, uint32_t* timeout, const std::string&, NetworkKind) {
+            *timeout = TIMEOUT_KEEP;
+            ++expiries;
+            return nullptr;
+        });
+    gint64 restartedAt = 0;
+    uint32_t handler = 0;
+    {
+        TraceCapture quiet(kAllButLab);
+        m_logic.orderTimeout(kNetwork, CacheTimeout::TYPE_NETWORK, 0);
+        handler = handlerOf(kNetwork);
+        quiet.clear();
+        restartedAt = g_get_monotonic_time();
+        m_logic.orderTimeout(kNetwork, CacheTimeout::TYPE_NETWORK, 1);
+        EXPECT_EQ(handlerOf(kNetwork), handler);
+        EXPECT_THAT(quiet.records(), ::testing::IsEmpty());
+    }
+    // The source armed for 0 s becomes due at once; that is no expiry, and nothing is traced
+    // for it: the timer runs out one second after the restart, once.
+    TraceCapture capture;
+    ASSERT_TRUE(iterateUntil([&] { return expiries == 1; }));
+    EXPECT_GE(g_get_monotonic_time() - restartedAt, 1000000);
+    EXPECT_THAT(capture.records(),
+                ElementsAre(Trace(TraceEvent::LAB, "GENERAL",
+                                  tagged("timeoutCb", "Timer network/2001:db8::/64 is expired, handler " +
+                                                          std::to_string(handler) + " will be removed")),
+                            Trace(TraceEvent::LAB, "GENERAL", removed(kNetwork, handler))));
+    EXPECT_EQ(expiries, 1);
+}
+
+TEST_F(CacheTimeoutTest, RestartWhileLabIsOffToAnEarlierExpiryMovesTheSource) {
+    bool delivered = false;
+    ON_CALL(m_data.cache, notifyTimeoutExpiresAndGetEntry(_, _, _, ::testing::A<RouterKind>()))
+        .WillByDefault([&](bool*, uint32_t* timeout, const std::string&, RouterKind) {
+            *timeout = TIMEOUT_KEEP;
+            delivered = true;
+            return nullptr;
+        });
+    TraceCapture quiet(kAllButLab);
+    m_logic.orderTimeout(kRouter, CacheTimeout::TYPE_ROUTER, 3600);
+    const uint32_t handler = handlerOf(kRouter);
+    const gint64 before = g_get_monotonic_time();
+    m_logic.orderTimeout(kRouter, CacheTimeout::TYPE_ROUTER, 0);
+    EXPECT_EQ(handlerOf(kRouter), handler);
+    EXPECT_LE(readyTime(handler), g_get_monotonic_time());
+    EXPECT_GE(readyTime(handler), before);
+    ASSERT_TRUE(iterateUntil([&] { return delivered; }));
+}
+
+// The order in which two timers due in the same main-loop iteration run: the order of their last
+// orders, whatever the order of their creation.
+std::vector<std::string> expiryOrderAfterRestarts(TestData& data, Logic& logic) {
+    std::vector<std::string> order;
+    ON_CALL(data.cache, notifyTimeoutExpiresAndGetEntry(_, _, _, ::testing::A<RouterKind>()))
+        .WillByDefault([&](bool*, uint32_t* timeout, const std::string& name, RouterKind) {
+            *timeout = TIMEOUT_KEEP;
+            order.push_back(name);
+            return nullptr;
+        });
+    ON_CALL(data.cache, notifyTimeoutExpiresAndGetEntry(_, _, _, ::testing::A<DnsServerKind>()))
+        .WillByDefault([&](bool*, uint32_t* timeout, const std::string& name, DnsServerKind) {
+            *timeout = TIMEOUT_KEEP;
+            order.push_back(name);
+            return nullptr;
+        });
+    logic.orderTimeout(kRouter, CacheTimeout::TYPE_ROUTER, 3600);
+    logic.orderTimeout(kDns, CacheTimeout::TYPE_DNS_SERVER, 3600);
+    logic.orderTimeout(kDns, CacheTimeout::TYPE_DNS_SERVER, 0);
+    logic.orderTimeout(kRouter, CacheTimeout::TYPE_ROUTER, 0);
+    iterateUntil([&] { return order.size() == 2; });
+    return order;
+}
+
+TEST_F(CacheTimeoutTest, TimersDueTogetherRunInTheOrderOfTheirLastOrderWhileLabIsOff) {
+    TraceCapture quiet(kAllButLab);
+    EXPECT_THAT(expiryOrderAfterRestarts(m_data, m_logic), ElementsAre(kDns, kRouter));
+}
+
+TEST_F(CacheTimeoutTest, TimersDueTogetherRunInTheOrderOfTheirLastOrderWhileLabIsOn) {
+    TraceCapture capture;
+    EXPECT_THAT(expiryOrderAfterRestarts(m_data, m_logic), ElementsAre(kDns, kRouter));
+}
+
+TEST_F(CacheTimeoutTest, RestartOnceLabIsOnTracesTheLiveSourceAsRemovedAndANewOneAsAdded) {
+    uint32_t kept = 0;
+    {
+        TraceCapture quiet(kAllButLab);
+        m_logic.orderTimeout(kRouter, CacheTimeout::TYPE_ROUTER, 3600);
+        kept = handlerOf(kRouter);
+        m_logic.orderTimeout(kRouter, CacheTimeout::TYPE_ROUTER, 1800);
+        ASSERT_EQ(handlerOf(kRouter), kept);
+    }
+    TraceCapture capture;
+    m_logic.orderTimeout(kRouter, CacheTimeout::TYPE_ROUTER, 900);
+    const uint32_t fresh = handlerOf(kRouter);
+    EXPECT_NE(fresh, kept);
+    EXPECT_EQ(g_main_context_find_source_by_id(nullptr, kept), nullptr);
+    EXPECT_THAT(capture.records(),
+                ElementsAre(Trace(TraceEvent::LAB, "GENERAL", removed(kRouter, kept)),
+                            Trace(TraceEvent::LAB, "GENERAL", added(kRouter, 900000, fresh))));
 }
 
 class CacheTimeoutDeathTest : public CacheTimeoutTest {

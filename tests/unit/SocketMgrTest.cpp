@@ -262,6 +262,46 @@ TEST_F(SocketMgrTest, QuietAcceptedDatagramPrintsNothing) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
 }
 
+TEST_F(SocketMgrTest, DatagramIsAcceptedWithItsSourceAndArrivalCheckedWhileLabIsOff) {
+    TraceCapture quiet(trace::bit(TraceEvent::ERROR));
+    SocketDouble mgr(std::move(m_receiver), "lo");
+    sendDatagram(m_address, 40);
+    Message message;
+    EXPECT_EQ(mgr.receive(message), 0u);
+    EXPECT_EQ(message.m_state, Message::MSG_STATE_RX_OK);
+    EXPECT_EQ(message.m_length, 40u);
+    EXPECT_EQ(message.m_peer.family, AF_INET6);
+    EXPECT_EQ(std::memcmp(message.m_peer.bytes, &in6addr_loopback, 16), 0);
+    EXPECT_EQ(mgr.getCounters().m_counters.rxRa, 1u);
+    EXPECT_TRUE(quiet.records().empty());
+}
+
+TEST_F(SocketMgrTest, VerboseLineIsPrintedWhileLabIsOff) {
+    TraceCapture quiet(trace::bit(TraceEvent::ERROR));
+    SocketDouble mgr(std::move(m_receiver), "lo");
+    mgr.setVerbose(true);
+    sendDatagram(m_address, 20);
+    Message message;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(mgr.receive(message), 0u);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Received an IPv6 Router Advertisement from ::1 on interface lo sent to ::1\n");
+    EXPECT_TRUE(quiet.records().empty());
+}
+
+TEST_F(SocketMgrTest, WrongInterfaceIsNamedWhileLabIsOff) {
+    TraceCapture errors(trace::bit(TraceEvent::ERROR));
+    SocketDouble mgr(std::move(m_receiver), "eth0");
+    sendDatagram(m_address, 20);
+    Message message;
+    EXPECT_EQ(mgr.receive(message), 0u);
+    EXPECT_EQ(message.m_state, Message::MSG_STATE_RX_WRONG_INTERFACE);
+    EXPECT_THAT(errors.records(),
+                ElementsAre(error("ADDR_IPV6",
+                                  "receive(): [] Message was received on wrong interface expected:eth0, "
+                                  "actual: lo")));
+}
+
 TEST_F(SocketMgrTest, DatagramLongerThanTheBufferIsTruncatedCountedAndNotAccepted) {
     SocketDouble mgr(std::move(m_receiver), "lo");
     sendDatagram(m_address, 1500);

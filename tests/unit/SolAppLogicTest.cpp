@@ -274,6 +274,21 @@ TEST_F(LogicTest, AddFdEventOverwritesTheSourceOfTheSameType) {
     g_source_remove(first);
 }
 
+// A blocked source is taken out of the poll set and put back around every dispatch: two
+// main-context wakeups per RA. No callback runs a nested main loop, so none needs the guard.
+TEST_F(LogicTest, DescriptorSourcesAreNotBlockedWhileTheirCallbackRuns) {
+    Logic logic(&m_data);
+    ASSERT_EQ(logic.addFdEvent(SolApp::EVENT_SRC_TYPE_SOCKET, m_data.socketPipe.readEnd.get(),
+                               &SolApp::cbRaSocketEvent),
+              0u);
+    const guint id = logic.getFdEvents().at(SolApp::EVENT_SRC_TYPE_SOCKET);
+    GSource* source = g_main_context_find_source_by_id(nullptr, id);
+    ASSERT_NE(source, nullptr);
+    EXPECT_TRUE(g_source_get_can_recurse(source));
+    EXPECT_EQ(g_source_get_priority(source), G_PRIORITY_DEFAULT);
+    g_source_remove(id);
+}
+
 TEST_F(LogicTest, EventSourceTypeNames) {
     EXPECT_STREQ(SolApp::eventSrcTypeToCstr(0), "EVENT_SRC_TYPE_SOCKET");
     EXPECT_STREQ(SolApp::eventSrcTypeToCstr(1), "EVENT_SRC_TYPE_LMX");

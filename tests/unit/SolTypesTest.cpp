@@ -178,4 +178,150 @@ TEST(SolTypes, HexdumpOffsetsCountBytesInHex) {
               "00000110  00                                                |.|\n");
 }
 
+// inet_ntop's text, the reference for every address text solicd writes.
+std::string libcText(const uint8_t* bytes)
+{
+    char text[INET6_ADDRSTRLEN];
+    EXPECT_NE(inet_ntop(AF_INET6, bytes, text, sizeof text), nullptr);
+    return text;
+}
+
+std::string ownText(const uint8_t* bytes)
+{
+    char text[KT_IP6_TEXT_SIZE];
+    const size_t length = kt_ip6_address_text(bytes, text);
+    EXPECT_EQ(length, std::strlen(text));
+    return std::string(text, length);
+}
+
+void setGroup(uint8_t* bytes, size_t group, unsigned value)
+{
+    bytes[2 * group] = static_cast<uint8_t>(value >> 8);
+    bytes[2 * group + 1] = static_cast<uint8_t>(value);
+}
+
+TEST(SolTypes, AddressTextEqualsInetNtopForEveryPatternOfZeroAndNonZeroGroups)
+{
+    // Each group zero, one, a three-digit, a four-digit value or 0xffff: every placement and
+    // length of zero runs, ties between runs, leading and trailing runs, and the groups that
+    // decide the IPv4-compatible and IPv4-mapped forms.
+    const unsigned values[] = {0, 1, 0xabc, 0x1000, 0xffff};
+    constexpr size_t kValues = sizeof values / sizeof values[0];
+    size_t combinations = 1;
+    for (int i = 0; i < 8; ++i) {
+        combinations *= kValues;
+    }
+    size_t mismatches = 0;
+    for (size_t n = 0; n < combinations; ++n) {
+        uint8_t bytes[16];
+        size_t rest = n;
+        for (size_t g = 0; g < 8; ++g) {
+            setGroup(bytes, g, values[rest % kValues]);
+            rest /= kValues;
+        }
+        if (ownText(bytes) != libcText(bytes) && ++mismatches <= 5) {
+            ADD_FAILURE() << "differs from inet_ntop: " << libcText(bytes) << " / " << ownText(bytes);
+        }
+    }
+    EXPECT_EQ(mismatches, 0u);
+}
+
+TEST(SolTypes, AddressTextEqualsInetNtopForEmbeddedIpv4OfEveryByteValue)
+{
+    for (unsigned v = 0; v < 256; ++v) {
+        for (const bool mapped : {false, true}) {
+            uint8_t bytes[16] = {};
+            if (mapped) {
+                setGroup(bytes, 5, 0xffff);
+            }
+            bytes[12] = static_cast<uint8_t>(v);
+            bytes[13] = static_cast<uint8_t>(255 - v);
+            bytes[14] = static_cast<uint8_t>(v / 10);
+            bytes[15] = static_cast<uint8_t>(v);
+            EXPECT_EQ(ownText(bytes), libcText(bytes));
+        }
+    }
+}
+
+TEST(SolTypes, AddressTextEqualsInetNtopForPseudoRandomAddresses)
+{
+    // A fixed linear congruential sequence, sparse in zero bytes and groups half of the time.
+    uint64_t state = 0x2001db8;
+    auto next = [&state] {
+        state = state * 6364136223846793005u + 1442695040888963407u;
+        return static_cast<uint32_t>(state >> 33);
+    };
+    for (int i = 0; i < 200000; ++i) {
+        uint8_t bytes[16];
+        const bool sparse = (i & 1) != 0;
+        for (uint8_t& b : bytes) {
+            const uint32_t r = next();
+            b = sparse && r % 3 != 0 ? 0 : static_cast<uint8_t>(r);
+        }
+        ASSERT_EQ(ownText(bytes), libcText(bytes));
+    }
+}
+
+TEST(SolTypes, AddressTextOfLongestAddressFillsTheBuffer)
+{
+    const kt_ip_address_t longest = addr("ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
+    EXPECT_EQ(kt_ip_address_ntop(longest), "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
+    const kt_ip_address_t mapped = addr("::ffff:255.255.255.255");
+    EXPECT_EQ(kt_ip_address_ntop(mapped), "::ffff:255.255.255.255");
+}
+
+TEST(SolTypes, Ipv4FamilyAddressPrintsDottedDecimal)
+{
+    kt_ip_address_t a{};
+    a.family = AF_INET;
+    const uint8_t v4[] = {192, 0, 2, 10};
+    std::memcpy(a.bytes, v4, sizeof v4);
+    EXPECT_EQ(kt_ip_address_ntop(a), "192.0.2.10");
+}
+
+TEST(SolTypes, NetworkNamePrintsEveryPrefixLengthInDecimal)
+{
+    SolNetwork::Config n;
+    n.prefix = addr("2001:db8:ffff:ffff:ffff:ffff:ffff:ffff");
+    for (uint32_t length : {0u, 1u, 9u, 10u, 63u, 64u, 100u, 128u, 129u, 4294967295u}) {
+        n.prefixLength = length;
+        char masked[INET6_ADDRSTRLEN];
+        kt_ip_address_t m = n.prefix;
+        for (uint32_t i = 0; i < 16; ++i) {
+            const uint32_t before = i * 8;
+            if (length <= before) {
+                m.bytes[i] = 0;
+            } else if (length < before + 8) {
+                m.bytes[i] &= static_cast<uint8_t>(0xff << (8 - (length - before)));
+            }
+        }
+        ASSERT_NE(inet_ntop(AF_INET6, m.bytes, masked, sizeof masked), nullptr);
+        EXPECT_EQ(n.getName(), "network/" + std::string(masked) + "/" + std::to_string(length));
+    }
+}
+
+TEST(SolTypes, WrittenNamesEqualTheNamesAndFitTheBufferAtTheirLongest)
+{
+    SolNetwork::Config n;
+    n.prefix = addr("ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
+    n.prefixLength = 4294967295u;
+    SolRouter::Config r;
+    r.address = addr("fe80:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
+    SolDnsServer::Config d;
+    d.address = addr("::ffff:255.255.255.255");
+    char text[SOL_ENTRY_NAME_SIZE];
+    const size_t nLength = n.writeName(text);
+    ASSERT_EQ(nLength, std::strlen(text));
+    EXPECT_STREQ(text, "network/ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff/4294967295");
+    EXPECT_EQ(n.getName(), text);
+    const size_t rLength = r.writeName(text);
+    ASSERT_EQ(rLength, std::strlen(text));
+    EXPECT_STREQ(text, "router/fe80:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
+    EXPECT_EQ(r.getName(), text);
+    const size_t dLength = d.writeName(text);
+    ASSERT_EQ(dLength, std::strlen(text));
+    EXPECT_STREQ(text, "dns/::ffff:255.255.255.255");
+    EXPECT_EQ(d.getName(), text);
+}
+
 }  // namespace

@@ -1,0 +1,327 @@
+#!/usr/bin/env bash
+# The flood benchmark (root). Two network namespaces joined by veth: ra_flood sends Router
+# Advertisements from one end, the receivers listen on the other. All figures come from one run:
+#  A. typical flood (the same RA with a prefix and two DNS servers, as fast as the link takes it)
+#     for FLOOD_SECONDS; the reference (flood_reference: the daemon's socket set-up, one recvmsg
+#     per GLib wakeup) and solicd receive it side by side, pinned to the same CPU, the sender on
+#     another one. Rates, CPU per RA and socket drops of both, and their ratio.
+#  B. unique-prefix flood (every RA a new prefix, a new router every 100 RAs) for UNIQUE_SECONDS
+#     into a fresh solicd with a `solicctl watch` client connected: store sizes, RSS growth after
+#     the first 10 s, and how long `solicctl show` takes meanwhile.
+#  C. idle for IDLE_SECONDS right after B (no traffic, no timer due): wakeups per second.
+# The table goes to stdout and to RESULTS (default bench/results/latest.md).
+# SOLICD_BUILD (default build) names the build tree; SOLICD_DAEMON another solicd to measure.
+set -euo pipefail
+
+if [ "$(id -u)" -ne 0 ]; then
+    echo "bench-flood: needs root (network namespaces, raw and packet sockets)" >&2
+    exit 77
+fi
+SRC=$(cd "$(dirname "$0")/../.." && pwd)
+BUILD=$(cd "${SOLICD_BUILD:-$SRC/build}" && pwd)
+BIN=$BUILD/bin
+DAEMON=${SOLICD_DAEMON:-$BIN/solicd}
+CTL=$BIN/solicctl
+FLOOD=$BIN/ra_flood
+REFERENCE=$BIN/flood_reference
+RESULTS=${RESULTS:-$SRC/bench/results/latest.md}
+FLOOD_SECONDS=${FLOOD_SECONDS:-10}
+UNIQUE_SECONDS=${UNIQUE_SECONDS:-60}
+IDLE_SECONDS=${IDLE_SECONDS:-30}
+for program in "$DAEMON" "$CTL" "$FLOOD" "$REFERENCE"; do
+    [ -x "$program" ] || { echo "bench-flood: $program is not built (make build)" >&2; exit 1; }
+done
+for tool in ip taskset unshare; do
+    command -v "$tool" >/dev/null || { echo "bench-flood: $tool is missing (scripts/install-deps)" >&2; exit 1; }
+done
+
+# Short unique suffix: interface names must stay within 15 characters.
+RUN=$(printf '%x%x' $$ $((RANDOM % 256)))
+WORK=$(mktemp -d /tmp/solicd-flood.XXXXXX)
+NS=sfd$RUN      # the receivers' side
+PEER_NS=sfr$RUN # the sender's side
+IF=fd$RUN
+PEER_IF=fr$RUN
+export LMX_DIR=$WORK/lmx
+# No tracing session reaches the receivers: they start in a mount namespace where the session
+# daemon's directory is hidden (a session of another test enabling the daemon's events would make
+# it format every trace), and look for a per-user session daemon in the scratch directory only.
+export LTTNG_UST_REGISTER_TIMEOUT=0
+export LTTNG_HOME=$WORK
+# A command prefix, not a function: each step execs the next, so $! is the receiver's own pid.
+UNTRACED=(unshare --mount --propagation private -- sh -c
+    'for d in /run/lttng /var/run/lttng; do [ ! -d "$d" ] || mount -t tmpfs -o size=1m tmpfs "$d"; done
+     exec "$@"' untraced)
+LOAD_BEFORE=$(cut -d' ' -f1-3 /proc/loadavg)
+DAEMON_LABEL=${SOLICD_DAEMON_LABEL:-"commit $(git -C "$SRC" describe --always --dirty 2>/dev/null || echo unknown)"}
+PIDS=()
+
+cleanup() {
+    local pid
+    for pid in "${PIDS[@]}"; do
+        kill -KILL "$pid" 2>/dev/null || true
+    done
+    for pid in "${PIDS[@]}"; do
+        wait "$pid" 2>/dev/null || true
+    done
+    ip netns del "$NS" 2>/dev/null || true
+    ip netns del "$PEER_NS" 2>/dev/null || true
+    rm -rf "$WORK"
+}
+trap cleanup EXIT
+
+fail() {
+    echo "bench-flood: $*" >&2
+    local f
+    for f in "$WORK"/*.out "$WORK"/*.err; do
+        [ -s "$f" ] || continue
+        echo "---- $f" >&2
+        tail -n 20 "$f" >&2
+    done
+    exit 1
+}
+
+# The receivers on one CPU, the sender on another (the kernel's receive path runs in the
+# sender's context on veth); on a single CPU everything shares it.
+if [ "$(nproc)" -ge 2 ]; then
+    SEND_CPU=0
+    RECV_CPU=1
+else
+    SEND_CPU=0
+    RECV_CPU=0
+fi
+
+# ---- The lab. The kernel's own RA handling is off on the receivers' side: a unique-prefix
+# flood must not make it configure a million addresses.
+for ns in "$NS" "$PEER_NS"; do
+    ip netns add "$ns"
+    ip -n "$ns" link set lo up
+    ip netns exec "$ns" sysctl -qw net.ipv6.conf.all.accept_ra=0 net.ipv6.conf.default.accept_ra=0 \
+        net.ipv6.conf.all.router_solicitations=0 net.ipv6.conf.default.router_solicitations=0
+done
+ip link add "$IF" netns "$NS" type veth peer name "$PEER_IF" netns "$PEER_NS"
+ip -n "$NS" link set "$IF" up
+ip -n "$PEER_NS" link set "$PEER_IF" up
+for _ in $(seq 1 100); do
+    if ip -n "$NS" -6 addr show dev "$IF" scope link | grep -q inet6 &&
+        ! ip -n "$NS" -6 addr show dev "$IF" | grep -q tentative; then
+        break
+    fi
+    sleep 0.1
+done
+
+# ---- Helpers
+
+# cpu_ticks PID: user + system time in clock ticks.
+cpu_ticks() { awk '{print $14 + $15}' "/proc/$1/stat"; }
+TICKS=$(getconf CLK_TCK)
+
+# socket_drops PID: datagrams the kernel dropped at the process's raw IPv6 sockets.
+socket_drops() {
+    local inodes
+    inodes=$(find "/proc/$1/fd" -lname 'socket:*' -printf '%l\n' 2>/dev/null | tr -dc '0-9\n' | paste -sd'|')
+    [ -n "$inodes" ] || { echo 0; return; }
+    ip netns exec "$NS" awk -v re="^($inodes)\$" 'NR > 1 && $10 ~ re {d += $13} END {print d + 0}' /proc/net/raw6
+}
+
+# rss_kib PID
+rss_kib() { awk '/^VmRSS:/ {print $2}' "/proc/$1/status"; }
+
+# wakeups STATUS_FILES...: context switches (voluntary and not) so far.
+wakeups() { cat "$@" | awk '/ctxt_switches/ {n += $2} END {print n + 0}'; }
+
+# show MBOX FILE: the cache dump into FILE; the time it took in milliseconds on stdout.
+show() {
+    local start end
+    start=$(date +%s%N)
+    "$CTL" show "$1" >"$2" || fail "solicctl show $1 failed"
+    end=$(date +%s%N)
+    echo $(((end - start) / 1000000))
+}
+
+# counter FILE NAME: one counter of a cache dump.
+counter() { sed -nE "s/.*[{ ]$2: ([0-9]+).*/\1/p" "$1" | head -n1; }
+
+# store_sizes FILE: "routers networks dns" entries of a cache dump.
+store_sizes() {
+    awk '/^Routers:/ {s = "r"} /^Networks:/ {s = "n"} /^DNS Servers:/ {s = "d"} /^Counters:/ {s = ""}
+         {c[s] += gsub(/\{config:/, "&")} END {print c["r"] + 0, c["n"] + 0, c["d"] + 0}' "$1"
+}
+
+# start_daemon NAME: solicd on the receivers' side with mailbox NAME; waits until it answers.
+start_daemon() {
+    "${UNTRACED[@]}" taskset -c "$RECV_CPU" "$DAEMON" -n "$NS" -i "$IF" -s "$1" -d "client-$1" \
+        >"$WORK/$1.out" 2>"$WORK/$1.err" &
+    PIDS+=($!)
+    DAEMON_PID=$!
+    for _ in $(seq 1 100); do
+        "$CTL" show "$1" >/dev/null 2>&1 && return 0
+        kill -0 "$DAEMON_PID" 2>/dev/null || fail "solicd $1 ended at start"
+        sleep 0.1
+    done
+    fail "solicd $1 does not answer"
+}
+
+# flood ARGS...: ra_flood on the sender's side, pinned; its "sent N seconds T" on stdout.
+flood() { ip netns exec "$PEER_NS" taskset -c "$SEND_CPU" "$FLOOD" -i "$PEER_IF" "$@"; }
+
+
+# ---- A. Typical flood, the reference and solicd side by side
+: >"$WORK/reference.out"
+"${UNTRACED[@]}" taskset -c "$RECV_CPU" "$REFERENCE" "$NS" "$IF" >"$WORK/reference.out" 2>"$WORK/reference.err" &
+PIDS+=($!)
+ref_pid=$!
+for _ in $(seq 1 100); do
+    grep -qx ready "$WORK/reference.out" && break
+    kill -0 "$ref_pid" 2>/dev/null || fail "the reference ended at start"
+    sleep 0.1
+done
+MBOX_A=flood-a-$RUN
+start_daemon "$MBOX_A"
+sol_pid=$DAEMON_PID
+# The solicitations of both (three each, at most 9 s after start) are over before the flood.
+sleep 9
+
+show "$MBOX_A" "$WORK/before.txt" >/dev/null
+rx_before=$(counter "$WORK/before.txt" rxRa)
+sol_cpu_before=$(cpu_ticks "$sol_pid")
+ref_cpu_before=$(cpu_ticks "$ref_pid")
+sol_drops_before=$(socket_drops "$sol_pid")
+ref_drops_before=$(socket_drops "$ref_pid")
+
+read -r _ sent _ seconds < <(flood --mode typical --seconds "$FLOOD_SECONDS") || true
+[ -n "${seconds:-}" ] || fail "the typical flood did not run"
+sleep 0.5
+
+sol_cpu_after=$(cpu_ticks "$sol_pid")
+ref_cpu_after=$(cpu_ticks "$ref_pid")
+sol_drops_after=$(socket_drops "$sol_pid")
+ref_drops_after=$(socket_drops "$ref_pid")
+show "$MBOX_A" "$WORK/after.txt" >/dev/null
+rx_after=$(counter "$WORK/after.txt" rxRa)
+kill -TERM "$ref_pid"
+wait "$ref_pid" || true
+ref_received=$(sed -nE 's/^received ([0-9]+)$/\1/p' "$WORK/reference.out")
+[ -n "$ref_received" ] || fail "the reference reported nothing"
+kill -TERM "$sol_pid"
+wait "$sol_pid" || true
+
+sol_received=$((rx_after - rx_before))
+rate() { awk -v n="$1" -v s="$2" 'BEGIN {printf "%.0f", n / s}'; }
+per_ra_us() { awk -v t="$1" -v n="$2" -v hz="$TICKS" 'BEGIN {if (n > 0) printf "%.2f", t / hz / n * 1e6; else print "-"}'; }
+sent_rate=$(rate "$sent" "$seconds")
+ref_rate=$(rate "$ref_received" "$seconds")
+sol_rate=$(rate "$sol_received" "$seconds")
+ratio=$(awk -v a="$sol_rate" -v b="$ref_rate" 'BEGIN {printf "%.2f", a / b}')
+ref_cpu_us=$(per_ra_us $((ref_cpu_after - ref_cpu_before)) "$ref_received")
+sol_cpu_us=$(per_ra_us $((sol_cpu_after - sol_cpu_before)) "$sol_received")
+cost_ratio=$(awk -v a="$ref_cpu_us" -v b="$sol_cpu_us" 'BEGIN {printf "%.2f", a / b}')
+ref_drops=$((ref_drops_after - ref_drops_before))
+sol_drops=$((sol_drops_after - sol_drops_before))
+
+# ---- B. Unique-prefix flood into a fresh solicd with its client connected
+MBOX_B=flood-b-$RUN
+start_daemon "$MBOX_B"
+sol_pid=$DAEMON_PID
+"$CTL" watch "client-$MBOX_B" >"$WORK/watch.txt" 2>"$WORK/watch.err" &
+PIDS+=($!)
+watch_pid=$!
+# Connected once the daemon has answered the client's appearance (the empty cache sends nothing).
+sleep 1
+flood --mode unique --seconds "$UNIQUE_SECONDS" >"$WORK/unique.out" &
+PIDS+=($!)
+unique_pid=$!
+start=$SECONDS
+next_show=0
+rss_10=""
+rss_max=0
+show_max=0
+show_count=0
+while kill -0 "$unique_pid" 2>/dev/null; do
+    elapsed=$((SECONDS - start))
+    rss=$(rss_kib "$sol_pid")
+    [ "$rss" -gt "$rss_max" ] && rss_max=$rss
+    if [ -z "$rss_10" ] && [ "$elapsed" -ge 10 ]; then
+        rss_10=$rss
+    fi
+    if [ "$elapsed" -ge "$next_show" ]; then
+        next_show=$((next_show + 5))
+        ms=$(show "$MBOX_B" "$WORK/during.txt")
+        show_count=$((show_count + 1))
+        [ "$ms" -gt "$show_max" ] && show_max=$ms
+    fi
+    sleep 1
+done
+wait "$unique_pid"
+read -r _ unique_sent _ _ <"$WORK/unique.out" || true
+[ -n "${unique_sent:-}" ] || fail "the unique-prefix flood did not run"
+rss_end=$(rss_kib "$sol_pid")
+[ -n "$rss_10" ] || rss_10=$rss_end
+show "$MBOX_B" "$WORK/unique.txt" >/dev/null
+read -r routers networks dns < <(store_sizes "$WORK/unique.txt")
+unique_rx=$(counter "$WORK/unique.txt" rxRa)
+kill -0 "$sol_pid" 2>/dev/null || fail "solicd ended during the unique-prefix flood"
+
+# ---- C. Idle: no traffic, no timer due (the shortest lifetime left is minutes away)
+# The main thread is the daemon's own; the others are LTTng-UST's listeners, which here retry to
+# reach a session daemon now and then.
+main_before=$(wakeups "/proc/$sol_pid/status")
+all_before=$(wakeups /proc/"$sol_pid"/task/*/status)
+sleep "$IDLE_SECONDS"
+main_after=$(wakeups "/proc/$sol_pid/status")
+all_after=$(wakeups /proc/"$sol_pid"/task/*/status)
+per_second() { awk -v n="$1" -v s="$IDLE_SECONDS" 'BEGIN {printf "%.2f", n / s}'; }
+idle_rate=$(per_second $((main_after - main_before)))
+idle_all_rate=$(per_second $((all_after - all_before)))
+updates=$(wc -l <"$WORK/watch.txt")
+kill -TERM "$watch_pid" "$sol_pid" 2>/dev/null || true
+
+# ---- The table
+verdict() { awk -v v="$1" -v goal="$2" -v op="$3" 'BEGIN {
+    ok = (op == ">=") ? v >= goal : v <= goal; print ok ? "met" : "NOT met" }'; }
+rss_growth=$((rss_end - rss_10))
+{
+    echo "# Flood benchmark"
+    echo
+    echo "One run of \`make bench-flood\` ($(date -u '+%Y-%m-%d %H:%M UTC'), $(uname -r)," \
+        "$(nproc) CPUs, load average before the run: $LOAD_BEFORE)."
+    echo "Daemon: \`$(basename "$DAEMON")\` from $DAEMON_LABEL. No LTTng session: the receivers run where no"
+    echo "session daemon can be reached."
+    echo
+    echo "## A. Typical RA flood (${FLOOD_SECONDS} s), reference and solicd side by side"
+    echo
+    echo "Sender: $sent RAs in $seconds s ($sent_rate RA/s), pinned to CPU $SEND_CPU; both receivers"
+    echo "pinned to CPU $RECV_CPU, so each gets the share of it that its per-RA cost allows."
+    echo
+    echo "| receiver | received RA/s | CPU per RA (µs) | dropped at the socket |"
+    echo "|---|---:|---:|---:|"
+    echo "| reference (one recvmsg per GLib wakeup) | $ref_rate | $ref_cpu_us | $ref_drops |"
+    echo "| solicd (received-RA counter) | $sol_rate | $sol_cpu_us | $sol_drops |"
+    echo
+    echo "| figure | value | goal |"
+    echo "|---|---:|---|"
+    echo "| ratio solicd / reference, received RA/s | $ratio | >= 0.8, $(verdict "$ratio" 0.8 ">=") |"
+    echo "| ratio reference / solicd, CPU per RA | $cost_ratio | |"
+    echo
+    echo "## B. Unique-prefix flood (${UNIQUE_SECONDS} s), client connected"
+    echo
+    echo "| figure | value | goal |"
+    echo "|---|---:|---|"
+    echo "| RAs sent / received by solicd | $unique_sent / $unique_rx | |"
+    echo "| routers / networks / DNS servers stored | $routers / $networks / $dns | 64 / 128 / 128 |"
+    echo "| updates the client printed | $updates | |"
+    echo "| RSS at 10 s / at the end / highest (KiB) | $rss_10 / $rss_end / $rss_max | |"
+    echo "| RSS growth after the first 10 s (KiB) | $rss_growth | <= 2048, $(verdict "$rss_growth" 2048 "<=") |"
+    echo "| slowest of $show_count \`solicctl show\` during the flood (ms) | $show_max | < 1000, $(verdict "$show_max" 999 "<=") |"
+    echo
+    echo "## C. Idle (${IDLE_SECONDS} s after B, no traffic, no timer due)"
+    echo
+    echo "| figure | value | goal |"
+    echo "|---|---:|---|"
+    echo "| wakeups per second of the main loop's thread | $idle_rate | 0, $(verdict "$idle_rate" 0 "<=") |"
+    echo "| wakeups per second of all threads (LTTng-UST's listeners included) | $idle_all_rate | |"
+} >"$WORK/table.md"
+cat "$WORK/table.md"
+mkdir -p "$(dirname "$RESULTS")"
+cp "$WORK/table.md" "$RESULTS"
+echo "bench-flood: written to $RESULTS"
