@@ -373,17 +373,18 @@ uint32_t LmxMgr::receive(Message& message) {
     }
 }
 
-uint32_t LmxMgr::send(Message& message, uint32_t to, const char* function) {
-    // The service owns the buffer from here on, whether the send succeeds or not.
+void LmxMgr::send(Message& message, uint32_t to, const char* function) {
+    // The service owns the buffer from here on, whether the send succeeds or not. A peer that
+    // refuses it has just died or stalled: its death notice (subscriber) or its own timeout
+    // (requester) follows, and a subscriber gets the whole cache when it comes back. So a lost
+    // message is traced here, never fatal to the daemon.
     void* buffer = message.m_data.m_buffer;
     message.m_data.m_buffer = nullptr;
     if (lmx_send(buffer, to, m_mbox.srcId) != 0) {
         const int error = errno;
         SOL_TRACE(ERROR, "GENERAL", function, "[%s] Failed to send message to %d, errno: %d(%s)",
                   getTraceTag(), static_cast<int>(to), error, std::strerror(error));
-        return 1;
     }
-    return 0;
 }
 
 uint32_t LmxMgr::notify(Message& message) {
@@ -396,7 +397,8 @@ uint32_t LmxMgr::notify(Message& message) {
     }
     SOL_TRACE(LAB, "GENERAL", "notify", "[%s] Send message to %d (subscriber), msg:%s", getTraceTag(),
               static_cast<int>(m_mbox.dstId), toStr(message).c_str());
-    return send(message, m_mbox.dstId, "notify");
+    send(message, m_mbox.dstId, "notify");
+    return 0;
 }
 
 uint32_t LmxMgr::respond(const Message& request, Message& answer) {
@@ -409,7 +411,8 @@ uint32_t LmxMgr::respond(const Message& request, Message& answer) {
     SOL_TRACE(LAB, "GENERAL", "respond", "[%s] Send message to %d %s, msg:%s", getTraceTag(),
               static_cast<int>(peer), peerText(peer, m_mbox.dstId, "(subscriber)", "(other client)"),
               toStr(answer).c_str());
-    return send(answer, peer, "respond");
+    send(answer, peer, "respond");
+    return 0;
 }
 
 }  // namespace solicd

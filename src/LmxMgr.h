@@ -85,7 +85,7 @@ private:
     uint32_t actionLocateDstMbox();
     uint32_t actionGetIdAndMonitorDstMbox();
     uint32_t actionUnsetDstMbox();
-    uint32_t send(Message& message, uint32_t to, const char* function);
+    void send(Message& message, uint32_t to, const char* function);
 
     MboxData m_mbox;
     uint32_t m_dstState = DST_MBOX_STATE_NOT_SET;

@@ -412,20 +412,23 @@ TEST_F(LmxMgrTest, RoutersRequestFromAnotherMailboxIsAnsweredToThatMailbox) {
     EXPECT_EQ(lmx.sent[0].from, kSrcId);
 }
 
-TEST_F(LmxMgrTest, FailedSendIsReportedAndTheBufferIsNotLeaked) {
+TEST_F(LmxMgrTest, FailedSendIsTracedNotFatalAndTheBufferIsNotLeaked) {
+    // A subscriber killed between two updates refuses the next one before its death notice is
+    // read; a requester may be gone before its answer. Neither may cost the daemon a restart.
     LmxMgr mgr;
     connect(mgr);
     lmx.sendResult = -1;
     LmxMgr::Message update;
     update.setTxRouterUpdatedInd(makeRouter(1));
-    EXPECT_EQ(mgr.notify(update), 1u);
+    EXPECT_EQ(mgr.notify(update), 0u);
     EXPECT_EQ(update.m_data.m_buffer, nullptr) << "the service took the buffer";
     lmx.deliver(SOLIF_GET_ROUTERS_REQ, kOtherId);
     LmxMgr::Message request;
     ASSERT_EQ(mgr.receive(request), 0u);
     LmxMgr::Message answer;
     answer.setTxGetRoutersCfm(0);
-    EXPECT_EQ(mgr.respond(request, answer), 1u);
+    EXPECT_EQ(mgr.respond(request, answer), 0u);
+    EXPECT_EQ(answer.m_data.m_buffer, nullptr);
     EXPECT_THAT(
         capture.messages(TraceEvent::ERROR),
         ElementsAre("notify(): [ra0] Failed to send message to 7, errno: 105(No buffer space available)",
