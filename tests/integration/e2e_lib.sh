@@ -126,9 +126,15 @@ router_address()
 # send_ra SOURCE [FIELD=VALUE]...: one crafted RA to ff02::1 from SOURCE (see ra_sender.cpp).
 send_ra()
 {
-    local source=$1
+    local source=$1 try
     shift
-    ip netns exec "$RTR" "$RA_SENDER" "$IR" "$source" ff02::1 "$@" || fail "sending RA from $source: $*"
+    # The kernel refuses a multicast send for a moment when its neighbour table (one for all
+    # namespaces) is full; that is the test bed, not solicd: try a few times before failing.
+    for try in 1 2 3 4 5; do
+        ip netns exec "$RTR" "$RA_SENDER" "$IR" "$source" ff02::1 "$@" && return 0
+        sleep 0.5
+    done
+    fail "sending RA from $source: $*"
 }
 
 # start_radvd CONFIG_TEXT: radvd on IR with the given interface body; sets RADVD_PID.
