@@ -5,7 +5,8 @@
 #     for FLOOD_SECONDS, three times: into the reference alone (flood_reference: the daemon's
 #     socket set-up, one recvmsg per GLib wakeup), into solicd alone, into both side by side on
 #     one CPU. Received rates, CPU per RA, socket drops, and the ratios; the goal (0.8) is checked
-#     on the side-by-side ratio, the one the rest of the machine cannot tilt.
+#     on the side-by-side ratios, of received RAs and of CPU per RA (the one the rest of the
+#     machine cannot tilt).
 #  B. unique-prefix flood (every RA a new prefix, a new router every 100 RAs) for UNIQUE_SECONDS
 #     into a fresh solicd with a `solicctl watch` client connected: store sizes, RSS growth after
 #     the first 10 s, and how long `solicctl show` takes meanwhile.
@@ -350,14 +351,16 @@ rss_growth=$((rss_end - rss_10))
     echo "| figure | value | goal |"
     echo "|---|---:|---|"
     echo "| ratio solicd / reference, received RA/s, side by side | $ratio_side | >= 0.8, $(verdict "$ratio_side" 0.8 ">=") |"
-    echo "| ratio reference / solicd, CPU per RA, side by side | $cost_ratio | |"
+    echo "| ratio reference / solicd, CPU per RA, side by side | $cost_ratio | >= 0.8, $(verdict "$cost_ratio" 0.8 ">=") |"
     echo "| share of the flood received alone: reference, solicd | $ref_alone_share, $sol_alone_share | |"
     echo "| ratio of those shares, solicd / reference | $ratio_alone | |"
     echo
-    echo "Side by side, the two share one CPU and see the same datagrams at the same time, so the"
-    echo "ratio of what they receive is that of their costs per RA: the figure the goal is checked"
-    echo "on. Alone, each has a CPU of its own; what it gets depends on the sender's rate in its"
-    echo "window and on whatever else the machine runs then, hence shares of the flood, not rates."
+    echo "Side by side, the two see the same datagrams at the same time on one CPU. While both"
+    echo "are saturated they get equal shares of it and the ratio of what they receive is that of"
+    echo "their costs per RA; when the sender or the rest of the machine leaves one of them idle,"
+    echo "the received ratio drifts, the cost ratio does not: it is the figure to trust. Alone, each"
+    echo "has a CPU of its own and what it gets depends on the sender's rate in its window, hence"
+    echo "shares of the flood, not rates."
     echo
     echo "## B. Unique-prefix flood (${UNIQUE_SECONDS} s), client connected"
     echo
