@@ -9,6 +9,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "ArgParser.h"
 #include "CacheMgr.h"
@@ -149,9 +150,27 @@ private:
     void handleNetworkExpiry(const std::string& name);
     void handleDnsServerExpiry(const std::string& name);
 
+    // The RA handler's buffers, kept from one RA to the next so that their memory is allocated
+    // once; their contents never outlive a call.
+    struct RaBuffers {
+        SocketMgr::Message message;
+        std::vector<SolRouter::Config> routers;
+        std::vector<SolNetwork::Config> networks;
+        std::vector<SolDnsServer::Config> dnsServers;
+        // Client messages in their default state; the first `inUse` serve the current RA.
+        std::vector<LmxMgr::Message> notifications;
+        size_t inUse = 0;
+
+        // `count` client messages in their default state.
+        LmxMgr::Message* takeNotifications(size_t count);
+        // Empties everything (the messages back to their default state) but keeps the memory.
+        void clear();
+    };
+
     DataIf* m_data;
     std::map<EventSrcType, uint32_t> m_fdEvents;
     Timeouts m_timeouts;
+    RaBuffers m_ra;
 };
 
 }  // namespace solicd::SolApp

@@ -74,8 +74,32 @@ void appendLines(std::ostream& os, const char* heading, const std::list<Entry*>&
 
 // ---- RA packets ----
 
+LmxMgr::Message* Logic::RaBuffers::takeNotifications(size_t count) {
+    if (notifications.size() < count) {
+        notifications = std::vector<LmxMgr::Message>(count);
+    }
+    inUse = count;
+    return notifications.data();
+}
+
+void Logic::RaBuffers::clear() {
+    routers.clear();
+    networks.clear();
+    dnsServers.clear();
+    // What a message still holds goes now, not with the next RA.
+    for (size_t i = 0; i < inUse; ++i) {
+        notifications[i].reset();
+    }
+    inUse = 0;
+}
+
 void Logic::handleRaSocketEvent() {
-    SocketMgr::Message message;
+    // Whichever way the call ends, the buffers are left empty.
+    struct Cleared {
+        RaBuffers& buffers;
+        ~Cleared() { buffers.clear(); }
+    } cleared{m_ra};
+    SocketMgr::Message& message = m_ra.message;
     if (m_data->getSocketMgr().receive(message) != 0) {
         SOL_FATAL("handleRaSocketEvent", "GenIf::receive()");
     }
@@ -86,9 +110,9 @@ void Logic::handleRaSocketEvent() {
         return;
     }
 
-    std::vector<SolRouter::Config> routers;
-    std::vector<SolNetwork::Config> networks;
-    std::vector<SolDnsServer::Config> dnsServers;
+    std::vector<SolRouter::Config>& routers = m_ra.routers;
+    std::vector<SolNetwork::Config>& networks = m_ra.networks;
+    std::vector<SolDnsServer::Config>& dnsServers = m_ra.dnsServers;
     if (m_data->getPacketParser().raParser(routers, networks, dnsServers, message.m_peer,
                                            message.m_data.data(),
                                            static_cast<int32_t>(message.m_length)) != 0) {
@@ -100,7 +124,8 @@ void Logic::handleRaSocketEvent() {
     }
 
     // One router, each network, and the DNS servers as one list: the most this packet can change.
-    std::vector<LmxMgr::Message> notifications(1 + networks.size() + std::max<size_t>(dnsServers.size(), 1));
+    LmxMgr::Message* notifications =
+        m_ra.takeNotifications(1 + networks.size() + std::max<size_t>(dnsServers.size(), 1));
     size_t count = 0;
     CacheMgr& cache = m_data->getCacheMgr();
     char name[SOL_ENTRY_NAME_SIZE];

@@ -63,6 +63,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "flood_reference: the socket could not be set up\n");
         return 1;
     }
+    // init arms the solicitation timer; the reference measures reception only.
+    socket.getRsTimeout().remove();
     Receiver receiver;
     GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
     g_unix_fd_add(socket.getFd(), G_IO_IN, &cbReadable, &receiver);

@@ -309,6 +309,42 @@ TEST_F(RaEventTest, NetworksWithoutDnsServersTraceTheMissingListAndForwardRouter
                             "network network/2001:db8:10::/64", "network network/2001:db8:1::/64"));
 }
 
+// ---- One RA after another ----
+
+TEST_F(RaEventTest, EachRaIsTakenOnItsOwnNothingOfThePreviousOneIsPushedAgain) {
+    receiveRa(golden::kTypicalRa);
+    m_data.notified.clear();
+    EXPECT_CALL(m_data.cache, pushConfigAndGetEntry(An<const SolRouter::Config&>(), _, _)).Times(1);
+    EXPECT_CALL(m_data.cache, pushConfigAndGetEntry(An<const SolNetwork::Config&>(), _, _)).Times(0);
+    EXPECT_CALL(m_data.cache, pushConfigAndGetEntry(An<const SolDnsServer::Config&>(), _, _)).Times(0);
+    TraceCapture capture;
+    receiveRa(golden::kHeaderOnlyRa);  // the same router (its flags now clear), nothing else
+    EXPECT_THAT(tracesOf(capture, {"handleRaSocketEvent"}),
+                ElementsAre(Trace(TraceEvent::LAB, "GENERAL",
+                                  tagged("handleRaSocketEvent", "No DNS server addresses are parsed."))));
+    EXPECT_THAT(describe(m_data.notified), ElementsAre("router router/fe80::1"));
+}
+
+TEST_F(RaEventTest, MessagesNotSentAreReleasedWhenTheRaIsDone) {
+    m_data.lmxState = LmxMgr::DST_MBOX_STATE_NOT_SET;
+    receiveRa(golden::kTypicalRa);
+    EXPECT_EQ(FakeLmx::instance().liveBuffers(), 0u);
+    m_data.lmxState = LmxMgr::DST_MBOX_STATE_CONNECTED;
+    // A later RA with more to tell than the first (five messages, not three): each message is
+    // there, in its default state.
+    receiveRa(RaBuilder(1801)
+                  .prefix("2001:db8:1::", 3600, 1800)
+                  .prefix("2001:db8:2::", 3600, 1800)
+                  .prefix("2001:db8:3::", 3600, 1800)
+                  .rdnss(600, {"2001:db8::53", "2001:db8::55"})
+                  .bytes());
+    EXPECT_THAT(describe(m_data.notified),
+                ElementsAre("router router/fe80::1", "network network/2001:db8:1::/64",
+                            "network network/2001:db8:2::/64", "network network/2001:db8:3::/64",
+                            "dns dns/2001:db8::53 dns/2001:db8::54 dns/2001:db8::55"));
+    EXPECT_EQ(FakeLmx::instance().liveBuffers(), 0u);
+}
+
 // ---- Packets that go no further ----
 
 TEST_F(RaEventTest, PacketNotReceivedIntactIsTracedAndDropped) {
