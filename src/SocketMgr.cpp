@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <glib-unix.h>
 #include <ifaddrs.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
@@ -371,6 +372,8 @@ uint32_t SocketMgr::init(const std::string& ns, const std::string& ifName) {
     }
     SOL_TRACE(INFO, kCategorySocket, kFn, "[%s] Bind successful after %d attempts.", getTraceTag(), attempt);
 
+    // Without the watch every arrival name is asked of the kernel: slower, never wrong.
+    m_arrivalNames.watch();
     m_rsTimeout.m_owner = this;
     m_rsTimeout.add(firstSolicitationDelay(m_randomSource));
     return 0;
@@ -559,6 +562,74 @@ bool interfaceName(int socket, unsigned index, char* name) {
 
 }  // namespace
 
+// ---- Arrival interface names ----
+
+void ArrivalNames::SourceRelease::operator()(GSource* source) const {
+    g_source_destroy(source);
+    g_source_unref(source);
+}
+
+bool ArrivalNames::watch() {
+    UniqueFd links(::socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE));
+    struct sockaddr_nl local {};
+    local.nl_family = AF_NETLINK;
+    local.nl_groups = RTMGRP_LINK;
+    if (links.get() < 0 ||
+        ::bind(links.get(), reinterpret_cast<const struct sockaddr*>(&local), sizeof local) != 0) {
+        return false;
+    }
+    watch(std::move(links));
+    return true;
+}
+
+void ArrivalNames::watch(UniqueFd notifications) {
+    m_source.reset();
+    m_notifications = std::move(notifications);
+    m_index = 0;
+    m_source.reset(g_unix_fd_source_new(m_notifications.get(), G_IO_IN));
+    g_source_set_priority(m_source.get(), G_PRIORITY_HIGH);
+    g_source_set_callback(m_source.get(), G_SOURCE_FUNC(&ArrivalNames::cbNotified), this, nullptr);
+    g_source_attach(m_source.get(), nullptr);
+}
+
+gboolean ArrivalNames::cbNotified(gint, GIOCondition, gpointer self) {
+    static_cast<ArrivalNames*>(self)->notified();
+    return G_SOURCE_CONTINUE;
+}
+
+void ArrivalNames::notified() {
+    m_index = 0;
+    uint8_t buffer[kNetlinkBufferSize];
+    for (;;) {
+        const ssize_t received = ::recv(m_notifications.get(), buffer, sizeof buffer, MSG_DONTWAIT);
+        if (received > 0 || (received < 0 && errno == EINTR)) {
+            continue;
+        }
+        // ENOBUFS: notifications were lost, which forgetting the name covers; the socket goes on.
+        if (received < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOBUFS)) {
+            return;
+        }
+        break;
+    }
+    // End of file or a lasting error: without notifications no name can be kept.
+    m_source.reset();
+    m_notifications.reset();
+}
+
+bool ArrivalNames::lookup(int socket, unsigned index, char* name) {
+    if (index != 0 && index == m_index) {
+        std::memcpy(name, m_name, IF_NAMESIZE);
+        return true;
+    }
+    const bool found =
+        m_resolve != nullptr ? m_resolve(index, name) != nullptr : interfaceName(socket, index, name);
+    if (found && isWatching()) {
+        std::memcpy(m_name, name, IF_NAMESIZE);
+        m_index = index;
+    }
+    return found;
+}
+
 uint32_t SocketMgr::receive(Message& message) {
     constexpr const char* kFn = "receive";
     message.m_state = Message::MSG_STATE_UNSET;
@@ -608,7 +679,7 @@ uint32_t SocketMgr::receive(Message& message) {
         }
     }
     char arrival[IF_NAMESIZE] = {};
-    if (!haveInfo || !interfaceName(m_socket.get(), info.ipi6_ifindex, arrival)) {
+    if (!haveInfo || !m_arrivalNames.lookup(m_socket.get(), info.ipi6_ifindex, arrival)) {
         const int err = errno;
         SOL_TRACE(ERROR, kCategorySocket, kFn,
                   "[%s] couldn't find interface name for RX message, error: %s (%d)", getTraceTag(),

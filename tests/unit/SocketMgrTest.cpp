@@ -754,3 +754,149 @@ TEST(RsTimeout, DispatchWithoutInterfaceFailsSilently) {
 }
 
 }  // namespace
+
+// ---- Arrival interface names ----
+
+namespace {
+
+// Answers "eth7" for index 7, nothing for any other, and counts the questions.
+int g_resolved = 0;
+char* resolveOnlySeven(unsigned index, char* name) {
+    ++g_resolved;
+    if (index != 7) {
+        errno = ENXIO;
+        return nullptr;
+    }
+    std::strcpy(name, "eth7");
+    return name;
+}
+
+class ArrivalNamesTest : public ::testing::Test {
+protected:
+    void SetUp() override { g_resolved = 0; }
+
+    // A socket pair stands in for the link notifications: what is written on `m_kernel` is a
+    // notification to the names being watched.
+    void watchPair() {
+        int ends[2];
+        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+        m_names.watch(UniqueFd(ends[0]));
+        m_kernel = UniqueFd(ends[1]);
+    }
+    void notify() { ASSERT_EQ(::send(m_kernel.get(), "link", 4, 0), 4); }
+    static void runPending() {
+        while (g_main_context_iteration(nullptr, FALSE)) {
+        }
+    }
+    std::string lookup(unsigned index) {
+        char name[IF_NAMESIZE] = {};
+        return m_names.lookup(-1, index, name) ? name : "(none)";
+    }
+
+    ArrivalNames m_names{&resolveOnlySeven};
+    UniqueFd m_kernel;
+};
+
+}  // namespace
+
+TEST_F(ArrivalNamesTest, WithoutAWatchEveryArrivalIsAskedOfTheKernel) {
+    EXPECT_EQ(lookup(7), "eth7");
+    EXPECT_EQ(lookup(7), "eth7");
+    EXPECT_EQ(g_resolved, 2);
+}
+
+TEST_F(ArrivalNamesTest, WhileWatchingTheNameIsAskedOnceUntilALinkChanges) {
+    watchPair();
+    EXPECT_EQ(lookup(7), "eth7");
+    EXPECT_EQ(lookup(7), "eth7");
+    EXPECT_EQ(g_resolved, 1);
+    notify();
+    runPending();
+    EXPECT_TRUE(m_names.isWatching());
+    EXPECT_EQ(lookup(7), "eth7");
+    EXPECT_EQ(g_resolved, 2);
+    EXPECT_EQ(lookup(7), "eth7");
+    EXPECT_EQ(g_resolved, 2);
+}
+
+TEST_F(ArrivalNamesTest, ManyNotificationsAtOnceAreAllTakenInOneWakeup) {
+    watchPair();
+    for (int i = 0; i < 5; ++i) {
+        notify();
+    }
+    EXPECT_TRUE(g_main_context_iteration(nullptr, FALSE));
+    EXPECT_FALSE(g_main_context_iteration(nullptr, FALSE));
+}
+
+TEST_F(ArrivalNamesTest, AnUnknownIndexIsNeverKept) {
+    watchPair();
+    errno = 0;
+    EXPECT_EQ(lookup(9), "(none)");
+    EXPECT_EQ(errno, ENXIO);
+    EXPECT_EQ(lookup(9), "(none)");
+    EXPECT_EQ(g_resolved, 2);
+}
+
+TEST_F(ArrivalNamesTest, AFailedLookupOfAnotherIndexLeavesTheKeptNameAlone) {
+    watchPair();
+    EXPECT_EQ(lookup(7), "eth7");
+    EXPECT_EQ(lookup(9), "(none)");
+    EXPECT_EQ(lookup(7), "eth7");
+    EXPECT_EQ(g_resolved, 2);
+}
+
+// A datagram and a link notification both waiting: the notification is taken first, so the
+// datagram's arrival name is asked afresh.
+TEST_F(ArrivalNamesTest, ALinkNotificationIsHandledBeforeADatagramWaitingBesideIt) {
+    watchPair();
+    EXPECT_EQ(lookup(7), "eth7");
+    int datagram[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, datagram), 0);
+    UniqueFd reader(datagram[0]);
+    UniqueFd writer(datagram[1]);
+    struct Reception {
+        ArrivalNames* names;
+        int resolvedBefore;
+        char name[IF_NAMESIZE];
+    } reception{&m_names, -1, {}};
+    GSource* socket = g_unix_fd_source_new(reader.get(), G_IO_IN);
+    g_source_set_callback(socket, G_SOURCE_FUNC(+[](gint fd, GIOCondition, gpointer data) -> gboolean {
+                              auto* r = static_cast<Reception*>(data);
+                              char byte;
+                              [[maybe_unused]] const ssize_t ignored = ::recv(fd, &byte, 1, 0);
+                              r->resolvedBefore = g_resolved;
+                              r->names->lookup(-1, 7, r->name);
+                              return G_SOURCE_REMOVE;
+                          }),
+                          &reception, nullptr);
+    g_source_attach(socket, nullptr);
+    g_source_unref(socket);
+    ASSERT_EQ(::send(writer.get(), "x", 1, 0), 1);
+    notify();
+    runPending();
+    EXPECT_EQ(reception.resolvedBefore, 1);
+    EXPECT_STREQ(reception.name, "eth7");
+    EXPECT_EQ(g_resolved, 2);
+}
+
+TEST_F(ArrivalNamesTest, NotificationsThatEndStopTheWatchAndNamesAreAskedAfresh) {
+    watchPair();
+    EXPECT_EQ(lookup(7), "eth7");
+    m_kernel.reset();
+    runPending();
+    EXPECT_FALSE(m_names.isWatching());
+    EXPECT_EQ(lookup(7), "eth7");
+    EXPECT_EQ(lookup(7), "eth7");
+    EXPECT_EQ(g_resolved, 3);
+}
+
+TEST_F(ArrivalNamesTest, LinkNotificationsCanBeWatchedWithoutPrivileges) {
+    ArrivalNames names;
+    ASSERT_TRUE(names.watch());
+    EXPECT_TRUE(names.isWatching());
+    char name[IF_NAMESIZE] = {};
+    UniqueFd any = loopbackSocket(false);
+    ASSERT_GT(any.get(), 0);
+    ASSERT_TRUE(names.lookup(any.get(), if_nametoindex("lo"), name));
+    EXPECT_STREQ(name, "lo");
+}
