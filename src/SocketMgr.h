@@ -150,6 +150,8 @@ protected:
     // For test doubles standing in for init: takes over a socket that is already set up and the
     // names init would have stored.
     void adoptSocket(UniqueFd socket, const std::string& ns, const std::string& ifName);
+    // init starts watching the links; a double that stands in for it may do the same.
+    ArrivalNames& getArrivalNames() { return m_arrivalNames; }
 
 private:
     RsTimeout m_rsTimeout;
