@@ -10,8 +10,7 @@ constexpr gint64 kMicrosecondsPerMillisecond = 1000;
 // A timeout source reduced to its ready time: GLib runs the callback once the monotonic time
 // reaches it, as it runs a g_timeout_add source, and the ready time can be moved without
 // replacing the source.
-gboolean dispatchTimer(GSource*, GSourceFunc callback, gpointer object)
-{
+gboolean dispatchTimer(GSource*, GSourceFunc callback, gpointer object) {
     return callback(object);
 }
 
@@ -19,8 +18,7 @@ GSourceFuncs g_timerFuncs = {nullptr, nullptr, &dispatchTimer, nullptr, nullptr,
 
 }  // namespace
 
-SolTimeout::~SolTimeout()
-{
+SolTimeout::~SolTimeout() {
     try {
         remove();
     } catch (...) {
@@ -28,11 +26,10 @@ SolTimeout::~SolTimeout()
     }
 }
 
-void SolTimeout::add(uint32_t interval)
-{
+void SolTimeout::add(uint32_t interval) {
     if (m_handlerId != 0) {
-        SOL_TRACE(ERROR, "GENERAL", "add", "[%s] Timer with name %s is active already, handler :%u", getTraceTag(),
-                  m_name.c_str(), m_handlerId);
+        SOL_TRACE(ERROR, "GENERAL", "add", "[%s] Timer with name %s is active already, handler :%u",
+                  getTraceTag(), m_name.c_str(), m_handlerId);
         return;
     }
     m_expiry = g_get_monotonic_time() + static_cast<gint64>(interval) * kMicrosecondsPerMillisecond;
@@ -47,20 +44,18 @@ void SolTimeout::add(uint32_t interval)
               m_name.c_str(), interval, m_handlerId);
 }
 
-void SolTimeout::remove()
-{
+void SolTimeout::remove() {
     if (m_handlerId == 0) {
         return;
     }
     g_source_remove(m_handlerId);
-    SOL_TRACE(LAB, "GENERAL", "remove", "[%s] Timer %s is removed, handler id: %u", getTraceTag(), m_name.c_str(),
-              m_handlerId);
+    SOL_TRACE(LAB, "GENERAL", "remove", "[%s] Timer %s is removed, handler id: %u", getTraceTag(),
+              m_name.c_str(), m_handlerId);
     m_handlerId = 0;
     m_source = nullptr;
 }
 
-void SolTimeout::restart(uint32_t interval)
-{
+void SolTimeout::restart(uint32_t interval) {
     if (m_handlerId == 0 || SOL_TRACE_ENABLED(LAB)) {
         remove();
         add(interval);
@@ -77,12 +72,11 @@ void SolTimeout::restart(uint32_t interval)
     g_source_set_priority(m_source, G_PRIORITY_DEFAULT);
 }
 
-gboolean SolTimeout::timeoutCb(gpointer object)
-{
+gboolean SolTimeout::timeoutCb(gpointer object) {
     auto* self = static_cast<SolTimeout*>(object);
     if (self == nullptr) {
-        SOL_TRACE(ERROR, "GENERAL", "timeoutCb", "[%s] SolTimeout is not instantiated, unable to run timer callback",
-                  getTraceTag());
+        SOL_TRACE(ERROR, "GENERAL", "timeoutCb",
+                  "[%s] SolTimeout is not instantiated, unable to run timer callback", getTraceTag());
         return FALSE;
     }
     // Restarted since the source became due: not expired, wait on until the latest expiry.
@@ -90,8 +84,8 @@ gboolean SolTimeout::timeoutCb(gpointer object)
         g_source_set_ready_time(self->m_source, self->m_expiry);
         return TRUE;
     }
-    SOL_TRACE(LAB, "GENERAL", "timeoutCb", "[%s] Timer %s is expired, handler %u will be removed", getTraceTag(),
-              self->m_name.c_str(), self->m_handlerId);
+    SOL_TRACE(LAB, "GENERAL", "timeoutCb", "[%s] Timer %s is expired, handler %u will be removed",
+              getTraceTag(), self->m_name.c_str(), self->m_handlerId);
     self->remove();
     // The expiry may destroy this object (a cache timer removing itself): nothing follows it.
     self->cbExpired();

@@ -12,8 +12,7 @@
 namespace solicd {
 namespace {
 
-std::string& tagStorage()
-{
+std::string& tagStorage() {
     // Lives until process exit: traces may be emitted from a signal handler during exit.
     static std::string* tag = new std::string();
     return *tag;
@@ -26,12 +25,15 @@ void* g_captureContext = nullptr;
 
 }  // namespace
 
-const char* getTraceTag() { return tagStorage().c_str(); }
+const char* getTraceTag() {
+    return tagStorage().c_str();
+}
 
-void setTraceTag(const std::string& text) { tagStorage() = text; }
+void setTraceTag(const std::string& text) {
+    tagStorage() = text;
+}
 
-const char* traceFormat(const char* prefixFmt, const char* function, const char* fmt, ...)
-{
+const char* traceFormat(const char* prefixFmt, const char* function, const char* fmt, ...) {
     char* buf = t_formatBuffer;
     size_t n = 0;
     buf[0] = '\0';
@@ -51,8 +53,7 @@ const char* traceFormat(const char* prefixFmt, const char* function, const char*
     return buf;
 }
 
-void restartOnFatalError(int line, const char* file, const char* fmt, ...)
-{
+void restartOnFatalError(int line, const char* file, const char* fmt, ...) {
     char text[kRestartTextSize];
     va_list args;
     va_start(args, fmt);
@@ -69,26 +70,27 @@ namespace trace {
 
 unsigned g_captureMask = 0;
 
-void setCapture(CaptureFn fn, void* context, unsigned mask)
-{
+void setCapture(CaptureFn fn, void* context, unsigned mask) {
     g_captureFn = fn;
     g_captureContext = context;
     g_captureMask = fn != nullptr ? mask : 0;
 }
 
-bool isEnabled(TraceEvent event)
-{
+bool isEnabled(TraceEvent event) {
     switch (event) {
-        case TraceEvent::INFO: return SOL_TRACE_ENABLED(INFO);
-        case TraceEvent::ERROR: return SOL_TRACE_ENABLED(ERROR);
-        case TraceEvent::EXCEPTION: return SOL_TRACE_ENABLED(EXCEPTION);
-        case TraceEvent::LAB: return SOL_TRACE_ENABLED(LAB);
+        case TraceEvent::INFO:
+            return SOL_TRACE_ENABLED(INFO);
+        case TraceEvent::ERROR:
+            return SOL_TRACE_ENABLED(ERROR);
+        case TraceEvent::EXCEPTION:
+            return SOL_TRACE_ENABLED(EXCEPTION);
+        case TraceEvent::LAB:
+            return SOL_TRACE_ENABLED(LAB);
     }
     return false;
 }
 
-void emit(TraceEvent event, const char* location, const char* category, const char* message)
-{
+void emit(TraceEvent event, const char* location, const char* category, const char* message) {
     switch (event) {
         case TraceEvent::INFO:
             if (lttng_ust_tracepoint_enabled(com_orvane_kt_solicd, INFO)) {

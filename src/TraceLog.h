@@ -11,6 +11,21 @@ namespace solicd {
 
 enum class TraceEvent : unsigned { INFO = 0, ERROR = 1, EXCEPTION = 2, LAB = 3 };
 
+// The event's name, as its tracepoint is called; for readers of captured traces.
+constexpr const char* eventName(TraceEvent event) {
+    switch (event) {
+        case TraceEvent::INFO:
+            return "INFO";
+        case TraceEvent::ERROR:
+            return "ERROR";
+        case TraceEvent::EXCEPTION:
+            return "EXCEPTION";
+        case TraceEvent::LAB:
+            return "LAB";
+    }
+    return "?";
+}
+
 inline constexpr size_t kTraceBufferSize = 1024;
 inline constexpr size_t kTraceNameLimit = 256;
 inline constexpr size_t kRestartTextSize = 128;
@@ -37,7 +52,9 @@ using CaptureFn = void (*)(void* context, TraceEvent event, const char* location
                            const char* message);
 
 inline constexpr unsigned kAllEvents = 0xf;
-inline constexpr unsigned bit(TraceEvent e) { return 1u << static_cast<unsigned>(e); }
+inline constexpr unsigned bit(TraceEvent e) {
+    return 1u << static_cast<unsigned>(e);
+}
 
 extern unsigned g_captureMask;
 void setCapture(CaptureFn fn, void* context, unsigned mask);
@@ -54,33 +71,33 @@ bool isEnabled(TraceEvent event);
 #define SOL_TRACE_STR(x) SOL_TRACE_STR2(x)
 #define SOL_TRACE_LOCATION __FILE_NAME__ ":" SOL_TRACE_STR(__LINE__)
 
-#define SOL_TRACE_ENABLED(EV)                                 \
+#define SOL_TRACE_ENABLED(EV)                                  \
     (lttng_ust_tracepoint_enabled(com_orvane_kt_solicd, EV) || \
      (::solicd::trace::g_captureMask & ::solicd::trace::bit(::solicd::TraceEvent::EV)))
 
 // SOL_TRACE(INFO, "GENERAL", "init", "[%s] Solicd initialization started", getTraceTag());
 // Nothing after the category is evaluated while the event is disabled.
-#define SOL_TRACE(EV, CATEGORY, FUNCTION, ...)                                                  \
-    do {                                                                                        \
-        if (SOL_TRACE_ENABLED(EV)) {                                                            \
-            ::solicd::trace::emit(::solicd::TraceEvent::EV, SOL_TRACE_LOCATION, CATEGORY,       \
-                                  ::solicd::traceFormat("%s(): ", FUNCTION, __VA_ARGS__));      \
-        }                                                                                       \
+#define SOL_TRACE(EV, CATEGORY, FUNCTION, ...)                                             \
+    do {                                                                                   \
+        if (SOL_TRACE_ENABLED(EV)) {                                                       \
+            ::solicd::trace::emit(::solicd::TraceEvent::EV, SOL_TRACE_LOCATION, CATEGORY,  \
+                                  ::solicd::traceFormat("%s(): ", FUNCTION, __VA_ARGS__)); \
+        }                                                                                  \
     } while (0)
 
 // SOL_TRACE with the event as a value (for example one mapped from a GLib log level).
-#define SOL_TRACE_AT(EVENT, CATEGORY, FUNCTION, ...)                                            \
-    do {                                                                                        \
-        const ::solicd::TraceEvent solTraceEvent_ = (EVENT);                                    \
-        if (::solicd::trace::isEnabled(solTraceEvent_)) {                                       \
-            ::solicd::trace::emit(solTraceEvent_, SOL_TRACE_LOCATION, CATEGORY,                 \
-                                  ::solicd::traceFormat("%s(): ", FUNCTION, __VA_ARGS__));      \
-        }                                                                                       \
+#define SOL_TRACE_AT(EVENT, CATEGORY, FUNCTION, ...)                                       \
+    do {                                                                                   \
+        const ::solicd::TraceEvent solTraceEvent_ = (EVENT);                               \
+        if (::solicd::trace::isEnabled(solTraceEvent_)) {                                  \
+            ::solicd::trace::emit(solTraceEvent_, SOL_TRACE_LOCATION, CATEGORY,            \
+                                  ::solicd::traceFormat("%s(): ", FUNCTION, __VA_ARGS__)); \
+        }                                                                                  \
     } while (0)
 
 // Traces the text at ERROR ("GENERAL") and requests a restart with the same text; never returns.
-#define SOL_FATAL(FUNCTION, ...)                                          \
-    do {                                                                  \
-        SOL_TRACE(ERROR, "GENERAL", FUNCTION, __VA_ARGS__);               \
-        ::solicd::restartOnFatalError(__LINE__, __FILE__, __VA_ARGS__);   \
+#define SOL_FATAL(FUNCTION, ...)                                        \
+    do {                                                                \
+        SOL_TRACE(ERROR, "GENERAL", FUNCTION, __VA_ARGS__);             \
+        ::solicd::restartOnFatalError(__LINE__, __FILE__, __VA_ARGS__); \
     } while (0)

@@ -13,8 +13,7 @@ public:
     explicit UniqueFd(int fd) : m_fd(fd) {}
     ~UniqueFd() { reset(); }
     UniqueFd(UniqueFd&& other) noexcept : m_fd(std::exchange(other.m_fd, 0)) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept
-    {
+    UniqueFd& operator=(UniqueFd&& other) noexcept {
         if (this != &other) {
             reset(std::exchange(other.m_fd, 0));
         }
@@ -26,8 +25,7 @@ public:
     int get() const { return m_fd; }
     // Descriptors are kept as 0 when closed, as the daemon's members always were; 0 is never
     // one of ours (stdin stays open).
-    void reset(int fd = 0)
-    {
+    void reset(int fd = 0) {
         if (m_fd > 0) {
             ::close(m_fd);
         }

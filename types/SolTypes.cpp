@@ -18,8 +18,7 @@ constexpr unsigned kMappedMarker = 0xffff;
 constexpr char kHexDigits[] = "0123456789abcdef";
 
 // "%u" of one byte.
-char* putDecimalByte(char* out, unsigned value)
-{
+char* putDecimalByte(char* out, unsigned value) {
     if (value >= 100) {
         *out++ = static_cast<char>('0' + value / 100);
     }
@@ -31,8 +30,7 @@ char* putDecimalByte(char* out, unsigned value)
 }
 
 // "%x" of one group: no leading zeros.
-char* putHexGroup(char* out, unsigned value)
-{
+char* putHexGroup(char* out, unsigned value) {
     if (value >= 0x1000) {
         *out++ = kHexDigits[value >> 12];
     }
@@ -46,8 +44,7 @@ char* putHexGroup(char* out, unsigned value)
     return out;
 }
 
-char* putIp4(char* out, const uint8_t* bytes)
-{
+char* putIp4(char* out, const uint8_t* bytes) {
     for (size_t i = 0; i < kIp4Bytes; ++i) {
         if (i != 0) {
             *out++ = '.';
@@ -58,8 +55,7 @@ char* putIp4(char* out, const uint8_t* bytes)
 }
 
 // The groups [from, to) in "%x", separated by ':'.
-char* putHexGroups(char* out, const unsigned* groups, size_t from, size_t to)
-{
+char* putHexGroups(char* out, const unsigned* groups, size_t from, size_t to) {
     for (size_t i = from; i < to; ++i) {
         if (i != from) {
             *out++ = ':';
@@ -97,8 +93,7 @@ constexpr auto kZeroRuns = [] {
 
 }  // namespace
 
-size_t kt_ip6_address_text(const uint8_t* bytes, char* text)
-{
+size_t kt_ip6_address_text(const uint8_t* bytes, char* text) {
     unsigned groups[kIp6Groups];
     unsigned zeros = 0;
     for (size_t i = 0; i < kIp6Groups; ++i) {
@@ -118,7 +113,8 @@ size_t kt_ip6_address_text(const uint8_t* bytes, char* text)
         const size_t tail = runBase + runLength;
         // IPv4-compatible (::a.b.c.d) and IPv4-mapped (::ffff:a.b.c.d): the last two groups in
         // dotted decimal.
-        if (runBase == 0 && (runLength == 6 || (runLength == 5 && groups[kMappedMarkerGroup] == kMappedMarker))) {
+        if (runBase == 0 &&
+            (runLength == 6 || (runLength == 5 && groups[kMappedMarkerGroup] == kMappedMarker))) {
             out = putHexGroups(out, groups, tail, kIp4Offset / 2);
             if (tail < kIp4Offset / 2) {
                 *out++ = ':';
@@ -135,8 +131,7 @@ size_t kt_ip6_address_text(const uint8_t* bytes, char* text)
 namespace {
 
 // kt_ip_address_ntop into a buffer of KT_IP6_TEXT_SIZE bytes; the length written.
-size_t addressText(const kt_ip_address_t& address, char* text)
-{
+size_t addressText(const kt_ip_address_t& address, char* text) {
     if (address.family == AF_INET) {
         return static_cast<size_t>(putIp4(text, address.bytes) - text);
     }
@@ -145,14 +140,12 @@ size_t addressText(const kt_ip_address_t& address, char* text)
 
 }  // namespace
 
-std::string kt_ip_address_ntop(const kt_ip_address_t& address)
-{
+std::string kt_ip_address_ntop(const kt_ip_address_t& address) {
     char text[KT_IP6_TEXT_SIZE];
     return std::string(text, addressText(address, text));
 }
 
-std::ostream& operator<<(std::ostream& os, const kt_ip_address_t& address)
-{
+std::ostream& operator<<(std::ostream& os, const kt_ip_address_t& address) {
     return os << kt_ip_address_ntop(address);
 }
 
@@ -200,53 +193,71 @@ std::ostream& SolTypesOsHexdump(std::ostream& os, const void* data, size_t lengt
     return os;
 }
 
-const char* toCstr(sol_router_state_t state)
-{
+const char* toCstr(sol_router_state_t state) {
     switch (state) {
-        case sol_router_state_t::STATE_INITIAL: return "STATE_INITIAL";
-        case sol_router_state_t::STATE_NEW: return "STATE_NEW";
-        case sol_router_state_t::STATE_UPDATED: return "STATE_UPDATED";
-        case sol_router_state_t::STATE_EXPIRED: return "STATE_EXPIRED";
-        case sol_router_state_t::STATE_INVALIDATED: return "STATE_INVALIDATED";
+        case sol_router_state_t::STATE_INITIAL:
+            return "STATE_INITIAL";
+        case sol_router_state_t::STATE_NEW:
+            return "STATE_NEW";
+        case sol_router_state_t::STATE_UPDATED:
+            return "STATE_UPDATED";
+        case sol_router_state_t::STATE_EXPIRED:
+            return "STATE_EXPIRED";
+        case sol_router_state_t::STATE_INVALIDATED:
+            return "STATE_INVALIDATED";
     }
     return "UNKNOWN";
 }
 
-const char* toCstr(sol_network_state_t state)
-{
+const char* toCstr(sol_network_state_t state) {
     switch (state) {
-        case sol_network_state_t::STATE_INITIAL: return "STATE_INITIAL";
-        case sol_network_state_t::STATE_NEW: return "STATE_NEW";
-        case sol_network_state_t::STATE_UPDATED: return "STATE_UPDATED";
-        case sol_network_state_t::STATE_EXPIRED: return "STATE_EXPIRED";
-        case sol_network_state_t::STATE_DEPRECATED: return "STATE_DEPRECATED";
-        case sol_network_state_t::STATE_INVALIDATED: return "STATE_INVALIDATED";
+        case sol_network_state_t::STATE_INITIAL:
+            return "STATE_INITIAL";
+        case sol_network_state_t::STATE_NEW:
+            return "STATE_NEW";
+        case sol_network_state_t::STATE_UPDATED:
+            return "STATE_UPDATED";
+        case sol_network_state_t::STATE_EXPIRED:
+            return "STATE_EXPIRED";
+        case sol_network_state_t::STATE_DEPRECATED:
+            return "STATE_DEPRECATED";
+        case sol_network_state_t::STATE_INVALIDATED:
+            return "STATE_INVALIDATED";
     }
     return "UNKNOWN";
 }
 
-const char* toCstr(sol_dns_server_state_t state)
-{
+const char* toCstr(sol_dns_server_state_t state) {
     switch (state) {
-        case sol_dns_server_state_t::STATE_INITIAL: return "STATE_INITIAL";
-        case sol_dns_server_state_t::STATE_NEW: return "STATE_NEW";
-        case sol_dns_server_state_t::STATE_UPDATED: return "STATE_UPDATED";
-        case sol_dns_server_state_t::STATE_EXPIRED: return "STATE_EXPIRED";
-        case sol_dns_server_state_t::STATE_INVALIDATED: return "STATE_INVALIDATED";
+        case sol_dns_server_state_t::STATE_INITIAL:
+            return "STATE_INITIAL";
+        case sol_dns_server_state_t::STATE_NEW:
+            return "STATE_NEW";
+        case sol_dns_server_state_t::STATE_UPDATED:
+            return "STATE_UPDATED";
+        case sol_dns_server_state_t::STATE_EXPIRED:
+            return "STATE_EXPIRED";
+        case sol_dns_server_state_t::STATE_INVALIDATED:
+            return "STATE_INVALIDATED";
     }
     return "UNKNOWN";
 }
 
-std::ostream& operator<<(std::ostream& os, sol_router_state_t state) { return os << toCstr(state); }
-std::ostream& operator<<(std::ostream& os, sol_network_state_t state) { return os << toCstr(state); }
-std::ostream& operator<<(std::ostream& os, sol_dns_server_state_t state) { return os << toCstr(state); }
+std::ostream& operator<<(std::ostream& os, sol_router_state_t state) {
+    return os << toCstr(state);
+}
+std::ostream& operator<<(std::ostream& os, sol_network_state_t state) {
+    return os << toCstr(state);
+}
+std::ostream& operator<<(std::ostream& os, sol_dns_server_state_t state) {
+    return os << toCstr(state);
+}
 
 namespace solicd {
 namespace {
 
 // The prefix with every bit beyond `length` cleared.
-kt_ip_address_t maskedPrefix(const kt_ip_address_t& prefix, uint32_t length)
-{
+kt_ip_address_t maskedPrefix(const kt_ip_address_t& prefix, uint32_t length) {
     constexpr uint32_t kBits = 8 * sizeof prefix.bytes;
     kt_ip_address_t masked = prefix;
     masked.family = KT_AF_INET6;
@@ -264,8 +275,7 @@ kt_ip_address_t maskedPrefix(const kt_ip_address_t& prefix, uint32_t length)
 // for every record of every RA.
 template <size_t N>
 size_t writeEntryName(char* text, const char (&kind)[N], const kt_ip_address_t& address,
-                      const uint32_t* length = nullptr)
-{
+                      const uint32_t* length = nullptr) {
     constexpr size_t kKindLength = N - 1;
     static_assert(kKindLength + KT_IP6_TEXT_SIZE + SOL_DECIMAL_U32_SIZE <= SOL_ENTRY_NAME_SIZE);
     std::memcpy(text, kind, kKindLength);
@@ -289,28 +299,25 @@ size_t writeEntryName(char* text, const char (&kind)[N], const kt_ip_address_t& 
 }
 
 template <class Config>
-std::string nameOf(const Config& config)
-{
+std::string nameOf(const Config& config) {
     char text[SOL_ENTRY_NAME_SIZE];
     return std::string(text, config.writeName(text));
 }
 
-bool sameAddress(const kt_ip_address_t& a, const kt_ip_address_t& b)
-{
+bool sameAddress(const kt_ip_address_t& a, const kt_ip_address_t& b) {
     return a.family == b.family && std::memcmp(a.bytes, b.bytes, sizeof a.bytes) == 0;
 }
 
-std::ostream& flagsText(std::ostream& os, uint32_t flags)
-{
+std::ostream& flagsText(std::ostream& os, uint32_t flags) {
     os << "0x" << std::hex << flags << std::dec;
     return os;
 }
 
 template <class S>
-std::ostream& commonStatusText(std::ostream& os, const S& s, const char* stateName)
-{
+std::ostream& commonStatusText(std::ostream& os, const S& s, const char* stateName) {
     return os << "id: " << s.id << ", state: " << stateName << ", createdTime: " << s.createdTime
-              << ", lastUpdateTime: " << s.lastUpdateTime << ", lastStateChangeTime: " << s.lastStateChangeTime
+              << ", lastUpdateTime: " << s.lastUpdateTime
+              << ", lastStateChangeTime: " << s.lastStateChangeTime
               << ", lastConfigChangeTime: " << s.lastConfigChangeTime
               << ", timeoutStartTime: " << s.timeoutStartTime << ", expiryTime: " << s.expiryTime
               << ", updateCount: " << s.updateCount << ", configChangeCount: " << s.configChangeCount
@@ -327,108 +334,104 @@ SolNetwork::Status::Status() : sol_network_status_t{} {}
 SolDnsServer::Config::Config() : sol_dns_server_config_t{} {}
 SolDnsServer::Status::Status() : sol_status_t{} {}
 
-size_t SolRouter::Config::writeName(char* text) const { return writeEntryName(text, "router/", address); }
-std::string SolRouter::Config::getName() const { return nameOf(*this); }
+size_t SolRouter::Config::writeName(char* text) const {
+    return writeEntryName(text, "router/", address);
+}
+std::string SolRouter::Config::getName() const {
+    return nameOf(*this);
+}
 
-size_t SolNetwork::Config::writeName(char* text) const
-{
+size_t SolNetwork::Config::writeName(char* text) const {
     return writeEntryName(text, "network/", maskedPrefix(prefix, prefixLength), &prefixLength);
 }
-std::string SolNetwork::Config::getName() const { return nameOf(*this); }
+std::string SolNetwork::Config::getName() const {
+    return nameOf(*this);
+}
 
-size_t SolDnsServer::Config::writeName(char* text) const { return writeEntryName(text, "dns/", address); }
-std::string SolDnsServer::Config::getName() const { return nameOf(*this); }
+size_t SolDnsServer::Config::writeName(char* text) const {
+    return writeEntryName(text, "dns/", address);
+}
+std::string SolDnsServer::Config::getName() const {
+    return nameOf(*this);
+}
 
-bool SolRouter::Config::isNotEqual(const Config& o) const
-{
+bool SolRouter::Config::isNotEqual(const Config& o) const {
     return !sameAddress(address, o.address) || reachableTime != o.reachableTime ||
            retransTimer != o.retransTimer || routerLifetime != o.routerLifetime || flags != o.flags;
 }
 
-bool SolNetwork::Config::isNotEqual(const Config& o) const
-{
-    return !sameAddress(prefix, o.prefix) || prefixLength != o.prefixLength || validLifetime != o.validLifetime ||
-           preferredLifetime != o.preferredLifetime || flags != o.flags;
+bool SolNetwork::Config::isNotEqual(const Config& o) const {
+    return !sameAddress(prefix, o.prefix) || prefixLength != o.prefixLength ||
+           validLifetime != o.validLifetime || preferredLifetime != o.preferredLifetime || flags != o.flags;
 }
 
-bool SolDnsServer::Config::isNotEqual(const Config& o) const
-{
+bool SolDnsServer::Config::isNotEqual(const Config& o) const {
     return index != o.index || !sameAddress(address, o.address) || lifetime != o.lifetime;
 }
 
-sol_router_state_t SolRouter::Status::uintToState(unsigned value) { return static_cast<sol_router_state_t>(value); }
-sol_network_state_t SolNetwork::Status::uintToState(unsigned value)
-{
+sol_router_state_t SolRouter::Status::uintToState(unsigned value) {
+    return static_cast<sol_router_state_t>(value);
+}
+sol_network_state_t SolNetwork::Status::uintToState(unsigned value) {
     return static_cast<sol_network_state_t>(value);
 }
-sol_dns_server_state_t SolDnsServer::Status::uintToState(unsigned value)
-{
+sol_dns_server_state_t SolDnsServer::Status::uintToState(unsigned value) {
     return static_cast<sol_dns_server_state_t>(value);
 }
 
-std::ostream& operator<<(std::ostream& os, const SolRouter::Config& c)
-{
-    os << "{address: " << c.address << ", reachableTime: " << c.reachableTime << ", retransTimer: " << c.retransTimer
-       << ", routerLifetime: " << c.routerLifetime << ", flags: ";
+std::ostream& operator<<(std::ostream& os, const SolRouter::Config& c) {
+    os << "{address: " << c.address << ", reachableTime: " << c.reachableTime
+       << ", retransTimer: " << c.retransTimer << ", routerLifetime: " << c.routerLifetime << ", flags: ";
     return flagsText(os, c.flags) << "}";
 }
 
-std::ostream& operator<<(std::ostream& os, const SolNetwork::Config& c)
-{
-    os << "{prefix: " << c.prefix << ", prefixLength: " << c.prefixLength << ", validLifetime: " << c.validLifetime
-       << ", preferredLifetime: " << c.preferredLifetime << ", flags: ";
+std::ostream& operator<<(std::ostream& os, const SolNetwork::Config& c) {
+    os << "{prefix: " << c.prefix << ", prefixLength: " << c.prefixLength
+       << ", validLifetime: " << c.validLifetime << ", preferredLifetime: " << c.preferredLifetime
+       << ", flags: ";
     return flagsText(os, c.flags) << "}";
 }
 
-std::ostream& operator<<(std::ostream& os, const SolDnsServer::Config& c)
-{
+std::ostream& operator<<(std::ostream& os, const SolDnsServer::Config& c) {
     return os << "{index: " << c.index << ", address: " << c.address << ", lifetime: " << c.lifetime << "}";
 }
 
-std::ostream& operator<<(std::ostream& os, const SolRouter::Status& s)
-{
+std::ostream& operator<<(std::ostream& os, const SolRouter::Status& s) {
     os << "{";
     return commonStatusText(os, s, toCstr(SolRouter::Status::uintToState(s.state))) << "}";
 }
 
-std::ostream& operator<<(std::ostream& os, const SolDnsServer::Status& s)
-{
+std::ostream& operator<<(std::ostream& os, const SolDnsServer::Status& s) {
     os << "{";
     return commonStatusText(os, s, toCstr(SolDnsServer::Status::uintToState(s.state))) << "}";
 }
 
-std::ostream& operator<<(std::ostream& os, const SolNetwork::Status& s)
-{
+std::ostream& operator<<(std::ostream& os, const SolNetwork::Status& s) {
     os << "{";
     return commonStatusText(os, s, toCstr(SolNetwork::Status::uintToState(s.state)))
            << ", deprecatedCount: " << s.deprecatedCount << ", lifetimeResetCount: " << s.lifetimeResetCount
            << ", lifetimeIgnoredCount: " << s.lifetimeIgnoredCount << "}";
 }
 
-std::ostream& operator<<(std::ostream& os, const SolRouter& r)
-{
+std::ostream& operator<<(std::ostream& os, const SolRouter& r) {
     return os << "{config: " << r.m_config << ", status: " << r.m_status << "}";
 }
 
-std::ostream& operator<<(std::ostream& os, const SolNetwork& n)
-{
+std::ostream& operator<<(std::ostream& os, const SolNetwork& n) {
     return os << "{config: " << n.m_config << ", status: " << n.m_status << "}";
 }
 
-std::ostream& operator<<(std::ostream& os, const SolDnsServer& d)
-{
+std::ostream& operator<<(std::ostream& os, const SolDnsServer& d) {
     return os << "{config: " << d.m_config << ", status: " << d.m_status << "}";
 }
 
-std::ostream& operator<<(std::ostream& os, const SolCounter<sol_socket_counters_t>& c)
-{
+std::ostream& operator<<(std::ostream& os, const SolCounter<sol_socket_counters_t>& c) {
     const sol_socket_counters_t& v = c.m_counters;
     return os << "{rxRa: " << v.rxRa << ", txRs: " << v.txRs << ", txRsFailed: " << v.txRsFailed
               << ", rxRejected: " << v.rxRejected << "}";
 }
 
-std::ostream& operator<<(std::ostream& os, const SolCounter<sol_packet_counters_t>& c)
-{
+std::ostream& operator<<(std::ostream& os, const SolCounter<sol_packet_counters_t>& c) {
     const sol_packet_counters_t& v = c.m_counters;
     return os << "{raParsed: " << v.raParsed << ", raDropped: " << v.raDropped
               << ", prefixAccepted: " << v.prefixAccepted << ", prefixIgnored: " << v.prefixIgnored << "}";

@@ -11,16 +11,16 @@
 // ---- Plain data parts (native endian; fixed sizes, asserted below) ----
 
 struct kt_ip_address_t {
-    uint8_t family;    // 10 (AF_INET6) whenever solicd builds it
-    uint8_t pad[3];    // zero when solicd builds the address
-    uint8_t bytes[16]; // network order
+    uint8_t family;     // 10 (AF_INET6) whenever solicd builds it
+    uint8_t pad[3];     // zero when solicd builds the address
+    uint8_t bytes[16];  // network order
 };
 
 struct sol_router_config_t {
     kt_ip_address_t address;
-    uint32_t reachableTime;  // ms, as advertised
-    uint32_t retransTimer;   // ms, as advertised
-    uint16_t routerLifetime; // s; 0: not a default router
+    uint32_t reachableTime;   // ms, as advertised
+    uint32_t retransTimer;    // ms, as advertised
+    uint16_t routerLifetime;  // s; 0: not a default router
     uint16_t pad;
     uint32_t flags;
 };
@@ -28,8 +28,8 @@ struct sol_router_config_t {
 struct sol_network_config_t {
     kt_ip_address_t prefix;  // as received: bits beyond the length are not cleared
     uint32_t prefixLength;
-    uint32_t validLifetime;     // s
-    uint32_t preferredLifetime; // s
+    uint32_t validLifetime;      // s
+    uint32_t preferredLifetime;  // s
     uint32_t flags;
 };
 
@@ -39,19 +39,19 @@ struct sol_dns_server_config_t {
     uint32_t lifetime;  // s
 };
 
-#define SOL_STATUS_FIELDS              \
-    uint32_t id;                       \
-    uint32_t state;                    \
-    int64_t createdTime;               \
-    int64_t lastUpdateTime;            \
-    int64_t lastStateChangeTime;       \
-    int64_t lastConfigChangeTime;      \
-    int64_t timeoutStartTime;          \
-    int64_t expiryTime;                \
-    uint64_t updateCount;              \
-    uint64_t configChangeCount;        \
-    uint64_t stateChangeCount;         \
-    uint64_t invalidatedCount;         \
+#define SOL_STATUS_FIELDS         \
+    uint32_t id;                  \
+    uint32_t state;               \
+    int64_t createdTime;          \
+    int64_t lastUpdateTime;       \
+    int64_t lastStateChangeTime;  \
+    int64_t lastConfigChangeTime; \
+    int64_t timeoutStartTime;     \
+    int64_t expiryTime;           \
+    uint64_t updateCount;         \
+    uint64_t configChangeCount;   \
+    uint64_t stateChangeCount;    \
+    uint64_t invalidatedCount;    \
     uint64_t expiredCount;
 
 struct sol_status_t {
@@ -132,8 +132,7 @@ std::ostream& operator<<(std::ostream& os, const kt_ip_address_t& address);
 std::ostream& SolTypesOsHexdump(std::ostream& os, const void* data, size_t length);
 
 template <class T>
-std::string toStr(const T& value)
-{
+std::string toStr(const T& value) {
     std::ostringstream os;
     os << value;
     return os.str();

@@ -22,20 +22,6 @@ using namespace solicd;
 
 namespace {
 
-const char* eventName(TraceEvent event) {
-    switch (event) {
-        case TraceEvent::INFO:
-            return "INFO";
-        case TraceEvent::ERROR:
-            return "ERROR";
-        case TraceEvent::EXCEPTION:
-            return "EXCEPTION";
-        case TraceEvent::LAB:
-            return "LAB";
-    }
-    return "?";
-}
-
 void printTrace(void*, TraceEvent event, const char*, const char* category, const char* message) {
     std::printf("T\t%s\t%s\t%s\n", eventName(event), category, message);
     std::fflush(stdout);

@@ -13,16 +13,14 @@ using namespace solicd;
 
 namespace {
 
-kt_ip_address_t addr(const char* text)
-{
+kt_ip_address_t addr(const char* text) {
     kt_ip_address_t a{};
     a.family = KT_AF_INET6;
     EXPECT_EQ(inet_pton(AF_INET6, text, a.bytes), 1);
     return a;
 }
 
-TEST(SolTypes, DefaultConstructorsClearEveryFieldFlagsIncluded)
-{
+TEST(SolTypes, DefaultConstructorsClearEveryFieldFlagsIncluded) {
     SolRouter::Config r;
     SolNetwork::Config n;
     SolDnsServer::Config d;
@@ -37,8 +35,7 @@ TEST(SolTypes, DefaultConstructorsClearEveryFieldFlagsIncluded)
     EXPECT_EQ(std::memcmp(&ns.data(), &zs, sizeof zs), 0);
 }
 
-TEST(SolTypes, NamesAreUniqueAcrossKindsAndStablePerEntry)
-{
+TEST(SolTypes, NamesAreUniqueAcrossKindsAndStablePerEntry) {
     SolRouter::Config r;
     r.address = addr("fe80::1");
     SolDnsServer::Config d;
@@ -54,8 +51,7 @@ TEST(SolTypes, NamesAreUniqueAcrossKindsAndStablePerEntry)
     EXPECT_EQ(same.getName(), n.getName());
 }
 
-TEST(SolTypes, NetworkNameMasksPrefixButRecordKeepsLowBits)
-{
+TEST(SolTypes, NetworkNameMasksPrefixButRecordKeepsLowBits) {
     SolNetwork::Config n;
     n.prefix = addr("2001:db8::1234");
     n.prefixLength = 64;
@@ -65,8 +61,7 @@ TEST(SolTypes, NetworkNameMasksPrefixButRecordKeepsLowBits)
     EXPECT_EQ(n.prefix.bytes[15], 0x34);
 }
 
-TEST(SolTypes, IsNotEqualLooksAtEveryDataField)
-{
+TEST(SolTypes, IsNotEqualLooksAtEveryDataField) {
     SolRouter::Config a;
     a.address = addr("fe80::1");
     SolRouter::Config b = a;
@@ -85,8 +80,7 @@ TEST(SolTypes, IsNotEqualLooksAtEveryDataField)
     EXPECT_TRUE(d1.isNotEqual(d2));
 }
 
-TEST(SolTypes, NetworkPredicates)
-{
+TEST(SolTypes, NetworkPredicates) {
     SolNetwork::Config n;
     EXPECT_FALSE(n.isFlagOnLinkSet());
     n.flags = FLAG_ON_LINK | FLAG_AUTONOMOUS;
@@ -98,8 +92,7 @@ TEST(SolTypes, NetworkPredicates)
     EXPECT_TRUE(n.isPreferredLifetimeInfinite());
 }
 
-TEST(SolTypes, StateNamesAndUnknownValues)
-{
+TEST(SolTypes, StateNamesAndUnknownValues) {
     EXPECT_EQ(toStr(SolRouter::Status::uintToState(1)), "STATE_NEW");
     EXPECT_EQ(toStr(SolRouter::Status::uintToState(4)), "UNKNOWN");
     EXPECT_EQ(toStr(SolNetwork::Status::uintToState(4)), "STATE_DEPRECATED");
@@ -107,20 +100,19 @@ TEST(SolTypes, StateNamesAndUnknownValues)
     EXPECT_EQ(toStr(SolRouter::Status::uintToState(5)), "STATE_INVALIDATED");
 }
 
-TEST(SolTypes, AddressTextAndStreamForm)
-{
+TEST(SolTypes, AddressTextAndStreamForm) {
     const kt_ip_address_t a = addr("2001:db8::53");
     EXPECT_EQ(kt_ip_address_ntop(a), "2001:db8::53");
     EXPECT_EQ(toStr(a), "2001:db8::53");
 }
 
-TEST(SolTypes, ConfigStreamForms)
-{
+TEST(SolTypes, ConfigStreamForms) {
     SolRouter::Config r;
     r.address = addr("fe80::1");
     r.routerLifetime = 1800;
     r.flags = FLAG_MANAGED | FLAG_OTHER;
-    EXPECT_EQ(toStr(r), "{address: fe80::1, reachableTime: 0, retransTimer: 0, routerLifetime: 1800, flags: 0x6}");
+    EXPECT_EQ(toStr(r),
+              "{address: fe80::1, reachableTime: 0, retransTimer: 0, routerLifetime: 1800, flags: 0x6}");
     SolDnsServer::Config d;
     d.address = addr("2001:db8::53");
     d.lifetime = 600;
@@ -128,8 +120,7 @@ TEST(SolTypes, ConfigStreamForms)
     EXPECT_EQ(toStr(d), "{index: 2, address: 2001:db8::53, lifetime: 600}");
 }
 
-TEST(SolTypes, CounterStreamForms)
-{
+TEST(SolTypes, CounterStreamForms) {
     SolCounter<sol_socket_counters_t> s;
     s.m_counters.rxRa = 3;
     s.m_counters.rxRejected = 1;
@@ -179,29 +170,25 @@ TEST(SolTypes, HexdumpOffsetsCountBytesInHex) {
 }
 
 // inet_ntop's text, the reference for every address text solicd writes.
-std::string libcText(const uint8_t* bytes)
-{
+std::string libcText(const uint8_t* bytes) {
     char text[INET6_ADDRSTRLEN];
     EXPECT_NE(inet_ntop(AF_INET6, bytes, text, sizeof text), nullptr);
     return text;
 }
 
-std::string ownText(const uint8_t* bytes)
-{
+std::string ownText(const uint8_t* bytes) {
     char text[KT_IP6_TEXT_SIZE];
     const size_t length = kt_ip6_address_text(bytes, text);
     EXPECT_EQ(length, std::strlen(text));
     return std::string(text, length);
 }
 
-void setGroup(uint8_t* bytes, size_t group, unsigned value)
-{
+void setGroup(uint8_t* bytes, size_t group, unsigned value) {
     bytes[2 * group] = static_cast<uint8_t>(value >> 8);
     bytes[2 * group + 1] = static_cast<uint8_t>(value);
 }
 
-TEST(SolTypes, AddressTextEqualsInetNtopForEveryPatternOfZeroAndNonZeroGroups)
-{
+TEST(SolTypes, AddressTextEqualsInetNtopForEveryPatternOfZeroAndNonZeroGroups) {
     // Each group zero, one, a three-digit, a four-digit value or 0xffff: every placement and
     // length of zero runs, ties between runs, leading and trailing runs, and the groups that
     // decide the IPv4-compatible and IPv4-mapped forms.
@@ -226,8 +213,7 @@ TEST(SolTypes, AddressTextEqualsInetNtopForEveryPatternOfZeroAndNonZeroGroups)
     EXPECT_EQ(mismatches, 0u);
 }
 
-TEST(SolTypes, AddressTextEqualsInetNtopForEmbeddedIpv4OfEveryByteValue)
-{
+TEST(SolTypes, AddressTextEqualsInetNtopForEmbeddedIpv4OfEveryByteValue) {
     for (unsigned v = 0; v < 256; ++v) {
         for (const bool mapped : {false, true}) {
             uint8_t bytes[16] = {};
@@ -243,8 +229,7 @@ TEST(SolTypes, AddressTextEqualsInetNtopForEmbeddedIpv4OfEveryByteValue)
     }
 }
 
-TEST(SolTypes, AddressTextEqualsInetNtopForPseudoRandomAddresses)
-{
+TEST(SolTypes, AddressTextEqualsInetNtopForPseudoRandomAddresses) {
     // A fixed linear congruential sequence, sparse in zero bytes and groups half of the time.
     uint64_t state = 0x2001db8;
     auto next = [&state] {
@@ -262,16 +247,14 @@ TEST(SolTypes, AddressTextEqualsInetNtopForPseudoRandomAddresses)
     }
 }
 
-TEST(SolTypes, AddressTextOfLongestAddressFillsTheBuffer)
-{
+TEST(SolTypes, AddressTextOfLongestAddressFillsTheBuffer) {
     const kt_ip_address_t longest = addr("ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
     EXPECT_EQ(kt_ip_address_ntop(longest), "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
     const kt_ip_address_t mapped = addr("::ffff:255.255.255.255");
     EXPECT_EQ(kt_ip_address_ntop(mapped), "::ffff:255.255.255.255");
 }
 
-TEST(SolTypes, Ipv4FamilyAddressPrintsDottedDecimal)
-{
+TEST(SolTypes, Ipv4FamilyAddressPrintsDottedDecimal) {
     kt_ip_address_t a{};
     a.family = AF_INET;
     const uint8_t v4[] = {192, 0, 2, 10};
@@ -279,8 +262,7 @@ TEST(SolTypes, Ipv4FamilyAddressPrintsDottedDecimal)
     EXPECT_EQ(kt_ip_address_ntop(a), "192.0.2.10");
 }
 
-TEST(SolTypes, NetworkNamePrintsEveryPrefixLengthInDecimal)
-{
+TEST(SolTypes, NetworkNamePrintsEveryPrefixLengthInDecimal) {
     SolNetwork::Config n;
     n.prefix = addr("2001:db8:ffff:ffff:ffff:ffff:ffff:ffff");
     for (uint32_t length : {0u, 1u, 9u, 10u, 63u, 64u, 100u, 128u, 129u, 4294967295u}) {
@@ -300,8 +282,7 @@ TEST(SolTypes, NetworkNamePrintsEveryPrefixLengthInDecimal)
     }
 }
 
-TEST(SolTypes, WrittenNamesEqualTheNamesAndFitTheBufferAtTheirLongest)
-{
+TEST(SolTypes, WrittenNamesEqualTheNamesAndFitTheBufferAtTheirLongest) {
     SolNetwork::Config n;
     n.prefix = addr("ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
     n.prefixLength = 4294967295u;

@@ -16,31 +16,20 @@ struct TraceRecord {
     std::string category;
     std::string message;
 
-    bool operator==(const TraceRecord& o) const
-    {
+    bool operator==(const TraceRecord& o) const {
         return event == o.event && category == o.category && message == o.message;
     }
 };
 
-inline const char* eventName(TraceEvent e)
-{
-    switch (e) {
-        case TraceEvent::INFO: return "INFO";
-        case TraceEvent::ERROR: return "ERROR";
-        case TraceEvent::EXCEPTION: return "EXCEPTION";
-        case TraceEvent::LAB: return "LAB";
-    }
-    return "?";
-}
-
-inline std::ostream& operator<<(std::ostream& os, const TraceRecord& r)
-{
+inline std::ostream& operator<<(std::ostream& os, const TraceRecord& r) {
     return os << eventName(r.event) << " " << r.category << " \"" << r.message << "\" @" << r.location;
 }
 
 class TraceCapture {
 public:
-    explicit TraceCapture(unsigned mask = trace::kAllEvents) { trace::setCapture(&TraceCapture::onTrace, this, mask); }
+    explicit TraceCapture(unsigned mask = trace::kAllEvents) {
+        trace::setCapture(&TraceCapture::onTrace, this, mask);
+    }
     ~TraceCapture() { trace::setCapture(nullptr, nullptr, 0); }
     TraceCapture(const TraceCapture&) = delete;
     TraceCapture& operator=(const TraceCapture&) = delete;
@@ -49,8 +38,7 @@ public:
     void clear() { m_records.clear(); }
 
     // Records of one event, message text only.
-    std::vector<std::string> messages(TraceEvent event) const
-    {
+    std::vector<std::string> messages(TraceEvent event) const {
         std::vector<std::string> out;
         for (const auto& r : m_records) {
             if (r.event == event) {
@@ -60,8 +48,7 @@ public:
         return out;
     }
 
-    bool contains(TraceEvent event, const std::string& category, const std::string& message) const
-    {
+    bool contains(TraceEvent event, const std::string& category, const std::string& message) const {
         for (const auto& r : m_records) {
             if (r.event == event && r.category == category && r.message == message) {
                 return true;
@@ -72,8 +59,7 @@ public:
 
 private:
     static void onTrace(void* self, TraceEvent event, const char* location, const char* category,
-                        const char* message)
-    {
+                        const char* message) {
         static_cast<TraceCapture*>(self)->m_records.push_back({event, location, category, message});
     }
 
@@ -81,8 +67,7 @@ private:
 };
 
 // EXPECT_THAT(capture.records(), Contains(Trace(TraceEvent::INFO, "GENERAL", "init(): [] ...")));
-inline TraceRecord Trace(TraceEvent event, std::string category, std::string message)
-{
+inline TraceRecord Trace(TraceEvent event, std::string category, std::string message) {
     return TraceRecord{event, "", std::move(category), std::move(message)};
 }
 
