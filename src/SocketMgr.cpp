@@ -49,6 +49,7 @@ constexpr uint32_t kNetlinkGroups = RTMGRP_IPV6_IFADDR;
 constexpr size_t kNetlinkBufferSize = 8192;
 constexpr size_t kNetlinkScatterSize = 8129;
 constexpr uint8_t kIfaFlagPermanent = IFA_F_PERMANENT;
+constexpr int kNotificationsPerWakeup = 64;
 
 // One IPV6_PKTINFO item on reception; hop limit and packet information on transmission.
 constexpr size_t kRxControlSize = 40;
@@ -600,7 +601,8 @@ gboolean ArrivalNames::cbNotified(gint, GIOCondition, gpointer self) {
 void ArrivalNames::notified() {
     m_index = 0;
     uint8_t buffer[kNetlinkBufferSize];
-    for (;;) {
+    // Bounded work per wakeup: what is left keeps the descriptor readable for the next one.
+    for (int taken = 0; taken < kNotificationsPerWakeup; ++taken) {
         const ssize_t received = ::recv(m_notifications.get(), buffer, sizeof buffer, MSG_DONTWAIT);
         if (received > 0 || (received < 0 && errno == EINTR)) {
             continue;
@@ -609,11 +611,11 @@ void ArrivalNames::notified() {
         if (received < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOBUFS)) {
             return;
         }
-        break;
+        // End of file or a lasting error: without notifications no name can be kept.
+        m_source.reset();
+        m_notifications.reset();
+        return;
     }
-    // End of file or a lasting error: without notifications no name can be kept.
-    m_source.reset();
-    m_notifications.reset();
 }
 
 bool ArrivalNames::lookup(int socket, unsigned index, char* name) {

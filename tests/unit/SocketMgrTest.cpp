@@ -900,3 +900,18 @@ TEST_F(ArrivalNamesTest, LinkNotificationsCanBeWatchedWithoutPrivileges) {
     ASSERT_TRUE(names.lookup(any.get(), if_nametoindex("lo"), name));
     EXPECT_STREQ(name, "lo");
 }
+
+TEST_F(ArrivalNamesTest, AStormOfNotificationsIsTakenInBoundedWakeupsAndTheWatchGoesOn) {
+    watchPair();
+    int sent = 0;
+    while (sent < 200 && ::send(m_kernel.get(), "link", 4, 0) == 4) {
+        ++sent;
+    }
+    ASSERT_GT(sent, 64);
+    int wakeups = 0;
+    while (g_main_context_iteration(nullptr, FALSE)) {
+        ++wakeups;
+    }
+    EXPECT_EQ(wakeups, (sent + 63) / 64);
+    EXPECT_TRUE(m_names.isWatching());
+}
