@@ -327,13 +327,6 @@ std::ostream& commonStatusText(std::ostream& os, const S& s, const char* stateNa
 
 }  // namespace
 
-SolRouter::Config::Config() : sol_router_config_t{} {}
-SolRouter::Status::Status() : sol_status_t{} {}
-SolNetwork::Config::Config() : sol_network_config_t{} {}
-SolNetwork::Status::Status() : sol_network_status_t{} {}
-SolDnsServer::Config::Config() : sol_dns_server_config_t{} {}
-SolDnsServer::Status::Status() : sol_status_t{} {}
-
 size_t SolRouter::Config::writeName(char* text) const {
     return writeEntryName(text, "router/", address);
 }
@@ -367,16 +360,6 @@ bool SolNetwork::Config::isNotEqual(const Config& o) const {
 
 bool SolDnsServer::Config::isNotEqual(const Config& o) const {
     return index != o.index || !sameAddress(address, o.address) || lifetime != o.lifetime;
-}
-
-sol_router_state_t SolRouter::Status::uintToState(unsigned value) {
-    return static_cast<sol_router_state_t>(value);
-}
-sol_network_state_t SolNetwork::Status::uintToState(unsigned value) {
-    return static_cast<sol_network_state_t>(value);
-}
-sol_dns_server_state_t SolDnsServer::Status::uintToState(unsigned value) {
-    return static_cast<sol_dns_server_state_t>(value);
 }
 
 std::ostream& operator<<(std::ostream& os, const SolRouter::Config& c) {

@@ -185,34 +185,39 @@ inline constexpr uint32_t FLAG_AUTONOMOUS = 0x20;
 
 inline constexpr uint32_t kInfiniteLifetime = 0xffffffff;
 
+// What the two parts of every record share: the plain block, zeroed when made, copied whole, and
+// reachable as such for the wire.
+template <class Raw>
+class SolRecordPart : public Raw {
+public:
+    SolRecordPart() : Raw{} {}
+    virtual ~SolRecordPart() = default;
+    SolRecordPart(const SolRecordPart&) = default;
+    SolRecordPart& operator=(const SolRecordPart&) = default;
+
+    const Raw& data() const { return *this; }
+};
+
+// A record's status, its state read in the kind's own terms.
+template <class Raw, class State>
+class SolStatus : public SolRecordPart<Raw> {
+public:
+    static State uintToState(unsigned value) { return static_cast<State>(value); }
+};
+
 class SolRouter {
 public:
-    class Config : public sol_router_config_t {
+    class Config : public SolRecordPart<sol_router_config_t> {
     public:
-        Config();
-        virtual ~Config() = default;
-        Config(const Config&) = default;
-        Config& operator=(const Config&) = default;
-
         // "router/fe80::1": one name per router address.
         std::string getName() const;
         // getName() into `text` (SOL_ENTRY_NAME_SIZE bytes, NUL-terminated) without allocating;
         // the length written.
         size_t writeName(char* text) const;
         bool isNotEqual(const Config& other) const;
-        const sol_router_config_t& data() const { return *this; }
     };
 
-    class Status : public sol_status_t {
-    public:
-        Status();
-        virtual ~Status() = default;
-        Status(const Status&) = default;
-        Status& operator=(const Status&) = default;
-
-        static sol_router_state_t uintToState(unsigned value);
-        const sol_status_t& data() const { return *this; }
-    };
+    using Status = SolStatus<sol_status_t, sol_router_state_t>;
 
     virtual ~SolRouter() = default;
 
@@ -222,13 +227,8 @@ public:
 
 class SolNetwork {
 public:
-    class Config : public sol_network_config_t {
+    class Config : public SolRecordPart<sol_network_config_t> {
     public:
-        Config();
-        virtual ~Config() = default;
-        Config(const Config&) = default;
-        Config& operator=(const Config&) = default;
-
         // "network/2001:db8:1::/64": the prefix masked to its length.
         std::string getName() const;
         // getName() into `text` (SOL_ENTRY_NAME_SIZE bytes, NUL-terminated) without allocating;
@@ -238,19 +238,9 @@ public:
         bool isFlagOnLinkSet() const { return (flags & FLAG_ON_LINK) != 0; }
         bool isValidLifetimeInfinite() const { return validLifetime == kInfiniteLifetime; }
         bool isPreferredLifetimeInfinite() const { return preferredLifetime == kInfiniteLifetime; }
-        const sol_network_config_t& data() const { return *this; }
     };
 
-    class Status : public sol_network_status_t {
-    public:
-        Status();
-        virtual ~Status() = default;
-        Status(const Status&) = default;
-        Status& operator=(const Status&) = default;
-
-        static sol_network_state_t uintToState(unsigned value);
-        const sol_network_status_t& data() const { return *this; }
-    };
+    using Status = SolStatus<sol_network_status_t, sol_network_state_t>;
 
     virtual ~SolNetwork() = default;
 
@@ -260,32 +250,17 @@ public:
 
 class SolDnsServer {
 public:
-    class Config : public sol_dns_server_config_t {
+    class Config : public SolRecordPart<sol_dns_server_config_t> {
     public:
-        Config();
-        virtual ~Config() = default;
-        Config(const Config&) = default;
-        Config& operator=(const Config&) = default;
-
         // "dns/2001:db8::53": one name per server address.
         std::string getName() const;
         // getName() into `text` (SOL_ENTRY_NAME_SIZE bytes, NUL-terminated) without allocating;
         // the length written.
         size_t writeName(char* text) const;
         bool isNotEqual(const Config& other) const;
-        const sol_dns_server_config_t& data() const { return *this; }
     };
 
-    class Status : public sol_status_t {
-    public:
-        Status();
-        virtual ~Status() = default;
-        Status(const Status&) = default;
-        Status& operator=(const Status&) = default;
-
-        static sol_dns_server_state_t uintToState(unsigned value);
-        const sol_status_t& data() const { return *this; }
-    };
+    using Status = SolStatus<sol_status_t, sol_dns_server_state_t>;
 
     virtual ~SolDnsServer() = default;
 
