@@ -70,6 +70,19 @@ veth()
     ip link add "$2" netns "$1" type veth peer name "$4" netns "$3"
 }
 
+# linked_pair NS_A IF_A NS_B IF_B: two new namespaces joined by one link, both ends up.
+linked_pair()
+{
+    new_ns "$1"
+    new_ns "$3"
+    veth "$1" "$2" "$3" "$4"
+    ip -n "$1" link set "$2" up
+    ip -n "$3" link set "$4" up
+}
+
+# link_local NS IF: the interface's link-local address.
+link_local() { ip -n "$1" -6 -o addr show dev "$2" scope link | awk '{print $4}' | cut -d/ -f1; }
+
 # wait_dad NS IF: until the interface has a link-local address that is no longer tentative.
 wait_dad()
 {

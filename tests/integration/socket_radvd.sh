@@ -6,15 +6,11 @@ command -v radvd >/dev/null || { echo "skipped: radvd is not installed (scripts/
 
 A=sdA$RUN B=sdB$RUN
 IA=da$RUN IB=db$RUN
-new_ns "$A"
-new_ns "$B"
-veth "$A" "$IA" "$B" "$IB"
-ip -n "$A" link set "$IA" up
-ip -n "$B" link set "$IB" up
+linked_pair "$A" "$IA" "$B" "$IB"
 ip netns exec "$B" sysctl -qw net.ipv6.conf.all.forwarding=1
 wait_dad "$A" "$IA"
 wait_dad "$B" "$IB"
-llB=$(ip -n "$B" -6 -o addr show dev "$IB" scope link | awk '{print $4}' | cut -d/ -f1)
+llB=$(link_local "$B" "$IB")
 
 # Unsolicited advertisements far apart, so that the one after the RS is the answer to it.
 cat >"$WORK/radvd.conf" <<EOF

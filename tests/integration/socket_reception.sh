@@ -5,15 +5,11 @@ source "$(dirname "$0")/socket_lib.sh"
 
 A=scA$RUN B=scB$RUN
 IA=ca$RUN IB=cb$RUN
-new_ns "$A"
-new_ns "$B"
-veth "$A" "$IA" "$B" "$IB"
-ip -n "$A" link set "$IA" up
-ip -n "$B" link set "$IB" up
+linked_pair "$A" "$IA" "$B" "$IB"
 wait_dad "$A" "$IA"
 wait_dad "$B" "$IB"
-llA=$(ip -n "$A" -6 -o addr show dev "$IA" scope link | awk '{print $4}' | cut -d/ -f1)
-llB=$(ip -n "$B" -6 -o addr show dev "$IB" scope link | awk '{print $4}' | cut -d/ -f1)
+llA=$(link_local "$A" "$IA")
+llB=$(link_local "$B" "$IB")
 send() { ip netns exec "$B" "$SENDER" "$IB" "$@" || fail "sending $*"; }
 # ICMPv6 messages of one type that reached the ICMPv6 layer of namespace A (raw sockets included).
 received_in_a() { ip netns exec "$A" awk -v k="Icmp6InType$1" '$1 == k { n = $2 } END { print n + 0 }' /proc/net/snmp6; }
@@ -66,8 +62,8 @@ for i in "$I1" "$I2"; do ip -n "$C" link set "$i" up; done
 for p in "$P1" "$P2"; do ip -n "$B" link set "$p" up; done
 wait_dad "$B" "$P1"
 wait_dad "$B" "$P2"
-ll1=$(ip -n "$B" -6 -o addr show dev "$P1" scope link | awk '{print $4}' | cut -d/ -f1)
-ll2=$(ip -n "$B" -6 -o addr show dev "$P2" scope link | awk '{print $4}' | cut -d/ -f1)
+ll1=$(link_local "$B" "$P1")
+ll2=$(link_local "$B" "$P2")
 ip netns exec "$C" timeout -k 2 30 "$DRIVER" --any-interface --seconds 20 --verbose >"$WORK/any.out" 2>&1 &
 PIDS+=($!)
 wait_line "$WORK/any.out" "INIT	0" 10

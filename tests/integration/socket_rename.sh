@@ -3,16 +3,12 @@
 # rejected as received on the wrong interface; given its name back, they are accepted again.
 source "$(dirname "$0")/socket_lib.sh"
 
-A=snA$RUN B=snB$RUN
-IA=na$RUN IB=nb$RUN RENAMED=nr$RUN
-new_ns "$A"
-new_ns "$B"
-veth "$A" "$IA" "$B" "$IB"
-ip -n "$A" link set "$IA" up
-ip -n "$B" link set "$IB" up
+A=smA$RUN B=smB$RUN
+IA=ma$RUN IB=mb$RUN RENAMED=mr$RUN
+linked_pair "$A" "$IA" "$B" "$IB"
 wait_dad "$A" "$IA"
 wait_dad "$B" "$IB"
-llB=$(ip -n "$B" -6 -o addr show dev "$IB" scope link | awk '{print $4}' | cut -d/ -f1)
+llB=$(link_local "$B" "$IB")
 send() { ip netns exec "$B" "$SENDER" "$IB" ff02::1 134 "$1" || fail "sending an RA of $1 bytes"; }
 # rename FROM TO: the link must be down while it changes its name.
 rename()

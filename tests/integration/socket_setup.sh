@@ -6,11 +6,7 @@ command -v strace >/dev/null || { echo "skipped: strace is not installed (script
 
 A=ssA$RUN B=ssB$RUN
 IA=sa$RUN IB=sb$RUN
-new_ns "$A"
-new_ns "$B"
-veth "$A" "$IA" "$B" "$IB"
-ip -n "$A" link set "$IA" up
-ip -n "$B" link set "$IB" up
+linked_pair "$A" "$IA" "$B" "$IB"
 wait_dad "$A" "$IA"
 
 # ---- A namespace without a file under /var/run/netns/ fails in open.

@@ -5,13 +5,9 @@ source "$(dirname "$0")/socket_lib.sh"
 
 A=srA$RUN B=srB$RUN
 IA=ra$RUN IB=rb$RUN
-new_ns "$A"
-new_ns "$B"
-veth "$A" "$IA" "$B" "$IB"
-ip -n "$A" link set "$IA" up
-ip -n "$B" link set "$IB" up
+linked_pair "$A" "$IA" "$B" "$IB"
 wait_dad "$A" "$IA"
-lladdr=$(ip -n "$A" -6 -o addr show dev "$IA" scope link | awk '{print $4}' | cut -d/ -f1)
+lladdr=$(link_local "$A" "$IA")
 hw=$(mac "$A" "$IA")
 
 pcap=$WORK/rs.pcap
