@@ -594,11 +594,20 @@ TEST_F(SocketMgrTest, LongNameIsCutToFifteenCharactersForTheFlagsRequest) {
 
 // ---- Solicitation cycle ----
 
-TEST_F(SocketMgrTest, WithoutAnyRaThreeSolicitationsThenNoRaDetected) {
-    TransmitDouble mgr(std::move(m_receiver), "lo", kTestRetryInterval);
+namespace {
+
+// One whole solicitation cycle of `mgr`, from a first solicitation due at once to its last trace.
+bool runCycle(SocketMgr& mgr, const TraceCapture& capture) {
     mgr.getRsTimeout().m_owner = &mgr;
     mgr.getRsTimeout().add(0);
-    ASSERT_TRUE(runLoopUntil([&] { return finished(m_capture); }));
+    return runLoopUntil([&] { return finished(capture); });
+}
+
+}  // namespace
+
+TEST_F(SocketMgrTest, WithoutAnyRaThreeSolicitationsThenNoRaDetected) {
+    TransmitDouble mgr(std::move(m_receiver), "lo", kTestRetryInterval);
+    ASSERT_TRUE(runCycle(mgr, m_capture));
 
     ASSERT_EQ(mgr.sent.size(), 3u);
     for (size_t i = 0; i < mgr.sent.size(); ++i) {
@@ -629,9 +638,7 @@ TEST_F(SocketMgrTest, RaBetweenFirstAndSecondSolicitationEndsTheCycleAfterOne) {
     mgr.answerAt = 1;
     mgr.answerTo = m_address;
     ReceiveWatch watch(mgr);
-    mgr.getRsTimeout().m_owner = &mgr;
-    mgr.getRsTimeout().add(0);
-    ASSERT_TRUE(runLoopUntil([&] { return finished(m_capture); }));
+    ASSERT_TRUE(runCycle(mgr, m_capture));
 
     EXPECT_EQ(mgr.sent.size(), 1u);
     EXPECT_EQ(watch.states, std::vector<uint32_t>{Message::MSG_STATE_RX_OK});
@@ -657,9 +664,7 @@ TEST_F(SocketMgrTest, RaAfterAFailedDispatchDoesNotCountAsAnAnswer) {
     mgr.answerAt = 1;
     mgr.answerTo = m_address;
     ReceiveWatch watch(mgr);
-    mgr.getRsTimeout().m_owner = &mgr;
-    mgr.getRsTimeout().add(0);
-    ASSERT_TRUE(runLoopUntil([&] { return finished(m_capture); }));
+    ASSERT_TRUE(runCycle(mgr, m_capture));
 
     EXPECT_EQ(mgr.sent.size(), 3u);
     EXPECT_EQ(watch.states, std::vector<uint32_t>{Message::MSG_STATE_RX_OK});
@@ -679,9 +684,7 @@ TEST_F(SocketMgrTest, RaAfterAFailedDispatchDoesNotCountAsAnAnswer) {
 
 TEST_F(SocketMgrTest, EmptyInterfaceFailsEveryDispatchThenNoRaDetected) {
     TransmitDouble mgr(std::move(m_receiver), "", kTestRetryInterval);
-    mgr.getRsTimeout().m_owner = &mgr;
-    mgr.getRsTimeout().add(0);
-    ASSERT_TRUE(runLoopUntil([&] { return finished(m_capture); }));
+    ASSERT_TRUE(runCycle(mgr, m_capture));
 
     EXPECT_TRUE(mgr.sent.empty());
     const TraceRecord failedDispatch = info("ADDR_IPV6", "cbExpired(): [] Failed in dispatchRs");
