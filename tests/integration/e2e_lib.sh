@@ -1,16 +1,9 @@
 # Shared by the end-to-end tests (sourced): the real solicd in one network namespace, a router
 # namespace across a veth link (radvd or crafted RAs), solicctl as client, each run with names
 # and a mailbox directory of its own, and everything removed on the way out.
-# KEEP_WORK=1 keeps the scratch directory (outputs of every process) for a look afterwards.
-set -euo pipefail
-
-if [ "$(id -u)" -ne 0 ]; then
-    echo "skipped: needs root to create network namespaces and open raw sockets"
-    exit 77
-fi
-for tool in ip jq; do
-    command -v "$tool" >/dev/null || { echo "skipped: $tool is not installed (scripts/install-deps)"; exit 77; }
-done
+# Over lab_lib.sh; KEEP_WORK=1 keeps the outputs of every process.
+LAB=e2e LAB_TOOLS=jq
+source "$(dirname "${BASH_SOURCE[0]}")/lab_lib.sh"
 
 BIN=${SOLICD_BUILD:?SOLICD_BUILD not set}/bin
 SOLICD=$BIN/solicd
@@ -20,9 +13,6 @@ for exe in "$SOLICD" "$SOLICCTL" "$RA_SENDER"; do
     [ -x "$exe" ] || { echo "FAIL: $exe is not built"; exit 1; }
 done
 
-# Short unique suffix: interface names must stay within 15 characters.
-RUN=$(printf '%x%x' $$ $((RANDOM % 256)))
-WORK=$(mktemp -d /tmp/solicd-e2e.XXXXXX)
 export LMX_DIR=$WORK/lmx
 RTR=seR$RUN            # the router's namespace
 HOST=seH$RUN           # solicd's namespace
@@ -30,37 +20,6 @@ IR=er$RUN              # the router's end of the link
 IH=eh$RUN              # solicd's end of the link
 DAEMON_MBOX=solicd-$RUN
 CLIENT_MBOX=client-$RUN
-NAMESPACES=()
-PIDS=()
-
-cleanup()
-{
-    local pid
-    for pid in "${PIDS[@]}"; do
-        kill "$pid" 2>/dev/null || true
-    done
-    for pid in "${PIDS[@]}"; do
-        wait "$pid" 2>/dev/null || true
-    done
-    local ns
-    for ns in "${NAMESPACES[@]}"; do
-        ip netns del "$ns" 2>/dev/null || true
-    done
-    [ -n "${KEEP_WORK:-}" ] || rm -rf "$WORK"
-}
-trap cleanup EXIT
-
-fail()
-{
-    echo "FAIL: $*"
-    local f
-    for f in "$WORK"/*.out "$WORK"/*.err "$WORK"/*.log; do
-        [ -s "$f" ] || continue
-        echo "---- $f"
-        tail -n 40 "$f"
-    done
-    exit 1
-}
 
 # new_ns NAME: a namespace whose kernel neither solicits nor learns from RAs by itself.
 new_ns()

@@ -1,57 +1,12 @@
-# Shared by the socket integration tests (sourced): root check, a two-namespace veth lab with
-# names unique to this run, background processes, cleanup, and checks on the driver's output.
-# KEEP_WORK=1 keeps the scratch directory (driver output, captures) for a look afterwards.
-set -euo pipefail
-
-if [ "$(id -u)" -ne 0 ]; then
-    echo "skipped: needs root to create network namespaces and raw sockets"
-    exit 77
-fi
-for tool in ip tshark; do
-    command -v "$tool" >/dev/null || { echo "skipped: $tool is not installed (scripts/install-deps)"; exit 77; }
-done
+# Shared by the socket integration tests (sourced): a two-namespace veth lab and checks on the
+# driver's output, over lab_lib.sh.
+LAB=socket LAB_TOOLS=tshark
+source "$(dirname "${BASH_SOURCE[0]}")/lab_lib.sh"
 
 BIN=${SOLICD_BUILD:?SOLICD_BUILD not set}/bin
 DRIVER=$BIN/socket_driver
 SENDER=$BIN/icmp6_sender
 [ -x "$DRIVER" ] && [ -x "$SENDER" ] || { echo "FAIL: build the socket_driver and icmp6_sender first"; exit 1; }
-
-# Short unique suffix: interface names must stay within 15 characters.
-RUN=$(printf '%x%x' $$ $((RANDOM % 256)))
-WORK=$(mktemp -d /tmp/solicd-socket.XXXXXX)
-NAMESPACES=()
-PIDS=()
-EXTRA_FILES=()
-
-cleanup()
-{
-    local pid
-    for pid in "${PIDS[@]}"; do
-        kill "$pid" 2>/dev/null || true
-    done
-    for pid in "${PIDS[@]}"; do
-        wait "$pid" 2>/dev/null || true
-    done
-    local ns
-    for ns in "${NAMESPACES[@]}"; do
-        ip netns del "$ns" 2>/dev/null || true
-    done
-    rm -f "${EXTRA_FILES[@]}"
-    [ -n "${KEEP_WORK:-}" ] || rm -rf "$WORK"
-}
-trap cleanup EXIT
-
-fail()
-{
-    echo "FAIL: $*"
-    local f
-    for f in "$WORK"/*.out; do
-        [ -e "$f" ] || continue
-        echo "---- $f"
-        tail -n 60 "$f"
-    done
-    exit 1
-}
 
 # new_ns NAME: a namespace whose interfaces send no Router Solicitations of their own, so that
 # every RS on the link is the driver's.
