@@ -46,8 +46,9 @@ const char* traceFormat(const char* prefixFmt, const char* function, const char*
 
 namespace trace {
 
-// Test seam: when a capture is installed, the events in its mask count as enabled and every
-// emitted trace is also handed to it.
+// Test seam: while a capture is installed, the events in its mask and no others count as enabled
+// (a tracing session elsewhere on the machine changes nothing a test sees), and every emitted
+// trace is also handed to it. A null `fn` removes the capture.
 using CaptureFn = void (*)(void* context, TraceEvent event, const char* location, const char* category,
                            const char* message);
 
@@ -56,8 +57,30 @@ inline constexpr unsigned bit(TraceEvent e) {
     return 1u << static_cast<unsigned>(e);
 }
 
-extern unsigned g_captureMask;
+struct Capture {
+    CaptureFn fn = nullptr;
+    void* context = nullptr;
+    unsigned mask = 0;
+};
 void setCapture(CaptureFn fn, void* context, unsigned mask);
+Capture getCapture();
+
+// Events enabled whatever the tracepoints say: the capture's and the stderr mirror's. One word,
+// so that a disabled event still costs the tracepoint's state and this one test.
+extern unsigned g_forcedMask;
+// False while a capture owns the enabled state.
+extern bool g_tracepointsDecide;
+
+// The stderr mirror: every emit of the events in `mask` is also written to standard error as one
+// line, "EVENT CATEGORY LOCATION MESSAGE", whether or not a tracing session records it.
+void setStderrMirror(unsigned mask);
+// Parses a comma list of event names (any case; blanks around names ignored) into a mask.
+// Unknown names are left out and returned, comma-separated, in `unknown`.
+unsigned parseEventList(const char* list, std::string& unknown);
+inline constexpr const char* kStderrMirrorVariable = "SOLICD_TRACE_STDERR";
+// The operator's setting (the value of kStderrMirrorVariable, or null): applies what it
+// names and reports anything it cannot use in one line on stderr.
+void mirrorToStderrFrom(const char* setting);
 
 void emit(TraceEvent event, const char* location, const char* category, const char* message);
 
@@ -71,9 +94,9 @@ bool isEnabled(TraceEvent event);
 #define SOL_TRACE_STR(x) SOL_TRACE_STR2(x)
 #define SOL_TRACE_LOCATION __FILE_NAME__ ":" SOL_TRACE_STR(__LINE__)
 
-#define SOL_TRACE_ENABLED(EV)                                  \
-    (lttng_ust_tracepoint_enabled(com_orvane_kt_solicd, EV) || \
-     (::solicd::trace::g_captureMask & ::solicd::trace::bit(::solicd::TraceEvent::EV)))
+#define SOL_TRACE_ENABLED(EV)                                                                            \
+    ((lttng_ust_tracepoint_enabled(com_orvane_kt_solicd, EV) && ::solicd::trace::g_tracepointsDecide) || \
+     (::solicd::trace::g_forcedMask & ::solicd::trace::bit(::solicd::TraceEvent::EV)))
 
 // SOL_TRACE(INFO, "GENERAL", "init", "[%s] Solicd initialization started", getTraceTag());
 // Nothing after the category is evaluated while the event is disabled.

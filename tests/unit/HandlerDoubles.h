@@ -295,12 +295,8 @@ inline std::string tagged(const std::string& function, const std::string& text) 
 // a death test sees them although the process ends with _exit.
 class StderrTraces {
 public:
-    explicit StderrTraces(std::vector<std::string> functions) : m_functions(std::move(functions)) {
-        trace::setCapture(&StderrTraces::onTrace, this, trace::kAllEvents);
-    }
-    ~StderrTraces() { trace::setCapture(nullptr, nullptr, 0); }
-    StderrTraces(const StderrTraces&) = delete;
-    StderrTraces& operator=(const StderrTraces&) = delete;
+    explicit StderrTraces(std::vector<std::string> functions)
+        : m_functions(std::move(functions)), m_scope(&StderrTraces::onTrace, this, trace::kAllEvents) {}
 
 private:
     static void onTrace(void* self, TraceEvent event, const char* /*location*/, const char* category,
@@ -315,6 +311,7 @@ private:
     }
 
     std::vector<std::string> m_functions;
+    ScopedCapture m_scope;
 };
 
 inline std::string quoteRegex(const std::string& text) {

@@ -154,10 +154,8 @@ inline std::string formatRecord(TraceEvent event, const char* category, const ch
 // that traces from signal context and from a process that ends with _exit are all seen.
 class FdTraces {
 public:
-    explicit FdTraces(int fd) : m_fd(fd) { trace::setCapture(&FdTraces::onTrace, this, trace::kAllEvents); }
-    virtual ~FdTraces() { trace::setCapture(nullptr, nullptr, 0); }
-    FdTraces(const FdTraces&) = delete;
-    FdTraces& operator=(const FdTraces&) = delete;
+    explicit FdTraces(int fd) : m_fd(fd), m_scope(&FdTraces::onTrace, this, trace::kAllEvents) {}
+    virtual ~FdTraces() = default;
 
 protected:
     // Called after each record is written, for a test to add what it observed at that point.
@@ -178,6 +176,7 @@ private:
 
     static constexpr size_t kLinePrefixSize = 32;  // event and category words
     int m_fd;
+    ScopedCapture m_scope;
 };
 
 }  // namespace solicd::test

@@ -286,7 +286,6 @@ TEST_F(LogicTest, DescriptorSourcesAreNotBlockedWhileTheirCallbackRuns) {
     ASSERT_NE(source, nullptr);
     EXPECT_TRUE(g_source_get_can_recurse(source));
     EXPECT_EQ(g_source_get_priority(source), G_PRIORITY_DEFAULT);
-    g_source_remove(id);
 }
 
 TEST_F(LogicTest, EventSourceTypeNames) {

@@ -1,4 +1,5 @@
 // Captures every trace emitted while it lives, for exact assertions on event, category and text.
+// While it lives, the events of its mask and no others are enabled.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -25,12 +26,23 @@ inline std::ostream& operator<<(std::ostream& os, const TraceRecord& r) {
     return os << eventName(r.event) << " " << r.category << " \"" << r.message << "\" @" << r.location;
 }
 
+// Installs a capture for as long as it lives, then gives back the one it found.
+class ScopedCapture {
+public:
+    ScopedCapture(trace::CaptureFn fn, void* context, unsigned mask) : m_previous(trace::getCapture()) {
+        trace::setCapture(fn, context, mask);
+    }
+    ~ScopedCapture() { trace::setCapture(m_previous.fn, m_previous.context, m_previous.mask); }
+    ScopedCapture(const ScopedCapture&) = delete;
+    ScopedCapture& operator=(const ScopedCapture&) = delete;
+
+private:
+    trace::Capture m_previous;
+};
+
 class TraceCapture {
 public:
-    explicit TraceCapture(unsigned mask = trace::kAllEvents) {
-        trace::setCapture(&TraceCapture::onTrace, this, mask);
-    }
-    ~TraceCapture() { trace::setCapture(nullptr, nullptr, 0); }
+    explicit TraceCapture(unsigned mask = trace::kAllEvents) : m_scope(&TraceCapture::onTrace, this, mask) {}
     TraceCapture(const TraceCapture&) = delete;
     TraceCapture& operator=(const TraceCapture&) = delete;
 
@@ -64,6 +76,7 @@ private:
     }
 
     std::vector<TraceRecord> m_records;
+    ScopedCapture m_scope;
 };
 
 // EXPECT_THAT(capture.records(), Contains(Trace(TraceEvent::INFO, "GENERAL", "init(): [] ...")));

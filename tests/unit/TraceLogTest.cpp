@@ -1,7 +1,11 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "TraceCapture.h"
 #include "TraceLog.h"
@@ -20,6 +24,55 @@ struct Poison {
     static int touched;
 };
 int Poison::touched = 0;
+
+// Standard error goes to a file while it lives; text() is what was written.
+class StderrCapture {
+public:
+    StderrCapture() : m_file(std::tmpfile()), m_saved(dup(STDERR_FILENO)) {
+        std::fflush(stderr);
+        dup2(fileno(m_file), STDERR_FILENO);
+    }
+    ~StderrCapture() {
+        restore();
+        std::fclose(m_file);
+    }
+    StderrCapture(const StderrCapture&) = delete;
+    StderrCapture& operator=(const StderrCapture&) = delete;
+
+    std::string text() {
+        restore();
+        std::string out;
+        std::rewind(m_file);
+        char chunk[512];
+        size_t n;
+        while ((n = std::fread(chunk, 1, sizeof chunk, m_file)) > 0) {
+            out.append(chunk, n);
+        }
+        return out;
+    }
+
+private:
+    void restore() {
+        if (m_saved >= 0) {
+            std::fflush(stderr);
+            dup2(m_saved, STDERR_FILENO);
+            close(m_saved);
+            m_saved = -1;
+        }
+    }
+
+    FILE* m_file;
+    int m_saved;
+};
+
+// The state word a tracing session sets when it enables an event, set here by hand.
+class SessionEnablesLab {
+public:
+    SessionEnablesLab() { lttng_ust_tracepoint_com_orvane_kt_solicd___LAB.state = 1; }
+    ~SessionEnablesLab() { lttng_ust_tracepoint_com_orvane_kt_solicd___LAB.state = 0; }
+    SessionEnablesLab(const SessionEnablesLab&) = delete;
+    SessionEnablesLab& operator=(const SessionEnablesLab&) = delete;
+};
 
 class TraceLogTest : public ::testing::Test {
 protected:
@@ -134,6 +187,130 @@ TEST_F(TraceLogTest, SetTraceTagReplacesTheTag) {
     setTraceTag("a");
     setTraceTag("mbox-local");
     EXPECT_STREQ(getTraceTag(), "mbox-local");
+}
+
+TEST_F(TraceLogTest, SessionEnablingAnEventChangesNothingWhileACaptureOwnsTheState) {
+    TraceCapture capture(trace::bit(TraceEvent::ERROR));
+    SessionEnablesLab session;
+    Poison poison;
+    Poison::touched = 0;
+    SOL_TRACE(LAB, "GENERAL", "f", "[%s] %s", getTraceTag(), poison.c_str());
+    EXPECT_EQ(Poison::touched, 0);
+    EXPECT_FALSE(trace::isEnabled(TraceEvent::LAB));
+    EXPECT_TRUE(capture.records().empty());
+}
+
+TEST_F(TraceLogTest, NestedCaptureGivesBackTheStateItFound) {
+    TraceCapture outer(trace::bit(TraceEvent::INFO));
+    {
+        TraceCapture inner(trace::bit(TraceEvent::LAB));
+        EXPECT_TRUE(trace::isEnabled(TraceEvent::LAB));
+        EXPECT_FALSE(trace::isEnabled(TraceEvent::INFO));
+    }
+    EXPECT_TRUE(trace::isEnabled(TraceEvent::INFO));
+    EXPECT_FALSE(trace::isEnabled(TraceEvent::LAB));
+    SOL_TRACE(INFO, "GENERAL", "f", "back");
+    EXPECT_EQ(outer.records().size(), 1u);
+}
+
+// ---- The stderr mirror ----
+
+class StderrMirrorTest : public TraceLogTest {
+protected:
+    void TearDown() override {
+        trace::setStderrMirror(0);
+        TraceLogTest::TearDown();
+    }
+};
+
+TEST_F(StderrMirrorTest, MirroredEventIsOneLineOfEventCategoryLocationAndMessage) {
+    trace::setStderrMirror(trace::bit(TraceEvent::ERROR));
+    setTraceTag("solicd-x");
+    StderrCapture err;
+    const int line = __LINE__ + 1;
+    SOL_TRACE(ERROR, "ADDR_IPV6", "init", "[%s] Interface name '%s' is longer than 15 characters",
+              getTraceTag(), "veth0123456789ab");
+    EXPECT_EQ(err.text(), "ERROR ADDR_IPV6 TraceLogTest.cpp:" + std::to_string(line) +
+                              " init(): [solicd-x] Interface name 'veth0123456789ab' is longer than 15 "
+                              "characters\n");
+}
+
+TEST_F(StderrMirrorTest, OnlyTheNamedEventsAreMirroredAndOthersStayUnformatted) {
+    trace::setStderrMirror(trace::bit(TraceEvent::ERROR) | trace::bit(TraceEvent::EXCEPTION));
+    StderrCapture err;
+    Poison poison;
+    Poison::touched = 0;
+    SOL_TRACE(LAB, "GENERAL", "f", "%s", poison.c_str());
+    SOL_TRACE(INFO, "GENERAL", "f", "info");
+    SOL_TRACE(EXCEPTION, "GENERAL", "receive", "x");
+    EXPECT_EQ(Poison::touched, 0);
+    const std::string text = err.text();
+    EXPECT_EQ(text.substr(0, 18), "EXCEPTION GENERAL ");
+    EXPECT_NE(text.find(" receive(): x\n"), std::string::npos);
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1);
+}
+
+TEST_F(StderrMirrorTest, MirrorAndCaptureBothGetTheTrace) {
+    TraceCapture capture(trace::bit(TraceEvent::ERROR));
+    trace::setStderrMirror(trace::bit(TraceEvent::ERROR));
+    StderrCapture err;
+    SOL_TRACE(ERROR, "GENERAL", "f", "both");
+    EXPECT_EQ(capture.messages(TraceEvent::ERROR), std::vector<std::string>{"f(): both"});
+    EXPECT_NE(err.text().find(" f(): both\n"), std::string::npos);
+}
+
+TEST_F(StderrMirrorTest, LineBreaksInAMessageBecomeBlanks) {
+    trace::setStderrMirror(trace::bit(TraceEvent::INFO));
+    StderrCapture err;
+    SOL_TRACE(INFO, "GENERAL", "handleGLibEvent", "two\nlines\r");
+    const std::string text = err.text();
+    EXPECT_NE(text.find(" handleGLibEvent(): two lines \n"), std::string::npos);
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1);
+}
+
+TEST_F(StderrMirrorTest, LongestMessageIsWrittenWholeOnOneLine) {
+    trace::setStderrMirror(trace::bit(TraceEvent::ERROR));
+    StderrCapture err;
+    const std::string big(5000, 'x');
+    SOL_TRACE(ERROR, "GENERAL", "f", "%s", big.c_str());
+    const std::string text = err.text();
+    EXPECT_NE(text.find(" f(): " + std::string(1023 - 5, 'x') + "\n"), std::string::npos);
+}
+
+TEST(EventList, NamesAnyCaseWithBlanksBecomeTheirBits) {
+    std::string unknown;
+    EXPECT_EQ(trace::parseEventList("ERROR,EXCEPTION", unknown),
+              trace::bit(TraceEvent::ERROR) | trace::bit(TraceEvent::EXCEPTION));
+    EXPECT_EQ(unknown, "");
+    EXPECT_EQ(trace::parseEventList(" info , Lab,,", unknown),
+              trace::bit(TraceEvent::INFO) | trace::bit(TraceEvent::LAB));
+    EXPECT_EQ(unknown, "");
+    EXPECT_EQ(trace::parseEventList("", unknown), 0u);
+    EXPECT_EQ(trace::parseEventList(nullptr, unknown), 0u);
+}
+
+TEST(EventList, UnknownNamesAreLeftOutAndNamed) {
+    std::string unknown;
+    EXPECT_EQ(trace::parseEventList("ERROR,WARN,EXCEPTIONS", unknown), trace::bit(TraceEvent::ERROR));
+    EXPECT_EQ(unknown, "WARN,EXCEPTIONS");
+}
+
+TEST(EventList, BadSettingIsOneLineOnStderrAndTheKnownNamesStillApply) {
+    StderrCapture err;
+    trace::mirrorToStderrFrom("ERROR,WARN");
+    EXPECT_EQ(err.text(),
+              "solicd: SOLICD_TRACE_STDERR: 'WARN' ignored: name events from INFO, ERROR, EXCEPTION, LAB, "
+              "separated by commas\n");
+    EXPECT_EQ(trace::g_forcedMask & trace::bit(TraceEvent::ERROR), trace::bit(TraceEvent::ERROR));
+    trace::setStderrMirror(0);
+}
+
+TEST(EventList, UnsetOrEmptySettingMirrorsNothingAndSaysNothing) {
+    StderrCapture err;
+    trace::mirrorToStderrFrom(nullptr);
+    trace::mirrorToStderrFrom("");
+    EXPECT_EQ(err.text(), "");
+    EXPECT_EQ(trace::g_forcedMask, 0u);
 }
 
 using TraceLogDeathTest = TraceLogTest;
