@@ -29,6 +29,9 @@ namespace {
 constexpr const char* kCategorySocket = "ADDR_IPV6";
 constexpr const char* kCategoryGeneral = "GENERAL";
 constexpr const char* kNetnsDir = "/var/run/netns/";
+// The longest interface name the kernel keeps (IFNAMSIZ less its NUL); quoted in the refusal.
+constexpr size_t kIfNameMaxLength = IFNAMSIZ - 1;
+static_assert(kIfNameMaxLength == 15);
 constexpr std::string_view kLinkLocalPrefix = "fe80:";
 constexpr const char* kAllRoutersAddress = "ff02::2";
 
@@ -276,6 +279,14 @@ uint32_t SocketMgr::init(const std::string& ns, const std::string& ifName) {
               ns.c_str(), ifName.c_str());
     m_ns = ns;
     m_ifName = ifName;
+
+    // The kernel would cut a longer name, and the address of the interface that the cut name
+    // names would never be this one's: refuse it rather than wait for it for ever.
+    if (m_ifName.size() > kIfNameMaxLength) {
+        SOL_TRACE(ERROR, kCategorySocket, kFn, "[%s] Interface name '%s' is longer than 15 characters",
+                  getTraceTag(), m_ifName.c_str());
+        return 1;
+    }
 
     if (!m_ns.empty()) {
         const std::string path = kNetnsDir + m_ns;

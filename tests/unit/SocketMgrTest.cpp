@@ -800,6 +800,40 @@ protected:
     UniqueFd m_kernel;
 };
 
+// ---- Interface names ----
+
+TEST(SocketMgrInit, InterfaceNameOf16CharactersIsRefusedBeforeTheNamespaceIsEntered) {
+    TraceCapture capture(trace::bit(TraceEvent::ERROR));
+    SocketMgr socket;
+    EXPECT_EQ(socket.init("solicd-test-no-such-namespace", "veth0123456789ab"), 1u);
+    EXPECT_THAT(
+        capture.records(),
+        ElementsAre(Trace(TraceEvent::ERROR, "ADDR_IPV6",
+                          "init(): [] Interface name 'veth0123456789ab' is longer than 15 characters")));
+}
+
+TEST(SocketMgrInit, LongerInterfaceNameIsRefusedWhole) {
+    TraceCapture capture(trace::bit(TraceEvent::ERROR));
+    SocketMgr socket;
+    EXPECT_EQ(socket.init("", "veth0123456789abcdef"), 1u);
+    EXPECT_THAT(capture.records(),
+                ElementsAre(Trace(TraceEvent::ERROR, "ADDR_IPV6",
+                                  "init(): [] Interface name 'veth0123456789abcdef' is longer than 15 "
+                                  "characters")));
+}
+
+TEST(SocketMgrInit, InterfaceNameOf15CharactersGoesOnToTheNamespace) {
+    TraceCapture capture(trace::bit(TraceEvent::ERROR));
+    SocketMgr socket;
+    EXPECT_EQ(socket.init("solicd-test-no-such-namespace", "veth0123456789a"), 1u);
+    ASSERT_EQ(capture.records().size(), 1u);
+    EXPECT_EQ(
+        capture.records()[0].message.rfind(
+            "init(): [] Unable to set namespace 'solicd-test-no-such-namespace', function 'open' failed", 0),
+        0u)
+        << capture.records()[0];
+}
+
 }  // namespace
 
 TEST_F(ArrivalNamesTest, WithoutAWatchEveryArrivalIsAskedOfTheKernel) {
