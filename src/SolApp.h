@@ -157,6 +157,9 @@ private:
         std::vector<SolRouter::Config> routers;
         std::vector<SolNetwork::Config> networks;
         std::vector<SolDnsServer::Config> dnsServers;
+        // The active DNS set before and after the RA's servers are pushed.
+        std::vector<uint32_t> activeDnsIdsBefore;
+        std::vector<uint32_t> activeDnsIdsAfter;
         // Client messages in their default state; the first `inUse` serve the current RA.
         std::vector<LmxMgr::Message> notifications;
         size_t inUse = 0;

@@ -62,6 +62,14 @@ std::list<Entry*> listOf(CacheMgr& cache, void (CacheMgr::*get)(std::list<Entry*
     return entries;
 }
 
+// The ids of the active DNS servers, in the cache's order, into `ids` (its memory is kept).
+void activeDnsServerIds(CacheMgr& cache, std::vector<uint32_t>& ids) {
+    ids.clear();
+    for (const DnsServerEntry* server : listOf(cache, &CacheMgr::getActiveDnsServers)) {
+        ids.push_back(server->m_status.id);
+    }
+}
+
 template <class Entry>
 void appendLines(std::ostream& os, const char* heading, const std::list<Entry*>& entries) {
     os << heading;
@@ -86,6 +94,8 @@ void Logic::RaBuffers::clear() {
     routers.clear();
     networks.clear();
     dnsServers.clear();
+    activeDnsIdsBefore.clear();
+    activeDnsIdsAfter.clear();
     // What a message still holds goes now, not with the next RA.
     for (size_t i = 0; i < inUse; ++i) {
         notifications[i].reset();
@@ -160,7 +170,7 @@ void Logic::handleRaSocketEvent() {
     } else {
         // The client keeps the active set as a whole: it hears of DNS servers only when that set
         // changes, and then gets all of it.
-        const auto before = listOf(cache, &CacheMgr::getActiveDnsServers);
+        activeDnsServerIds(cache, m_ra.activeDnsIdsBefore);
         for (const SolDnsServer::Config& config : dnsServers) {
             const auto server = pushRecord(cache, config, "DNS server");
             if (server.entry == nullptr) {
@@ -171,11 +181,11 @@ void Logic::handleRaSocketEvent() {
             }
             applyTimeoutAction(writeEntryName(config, name), CacheTimeout::TYPE_DNS_SERVER, server.lifetime);
         }
-        // Active entries are never evicted, so the pointers of the first list are still the
-        // entries they named.
-        const auto after = listOf(cache, &CacheMgr::getActiveDnsServers);
-        if (before != after) {
-            notifications[count++].setTxDnsServersUpdatedInd(after);
+        // Compared by id: a server withdrawn by this RA may have been evicted for a new one that
+        // now lives at its address.
+        activeDnsServerIds(cache, m_ra.activeDnsIdsAfter);
+        if (m_ra.activeDnsIdsBefore != m_ra.activeDnsIdsAfter) {
+            notifications[count++].setTxDnsServersUpdatedInd(listOf(cache, &CacheMgr::getActiveDnsServers));
         }
     }
 

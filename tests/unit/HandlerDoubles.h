@@ -222,10 +222,13 @@ public:
     }
     // Recursive DNS Server: 1 unit of header and lifetime, 2 units per address.
     RaBuilder& rdnss(uint32_t lifetime, std::initializer_list<const char*> addresses) {
+        return rdnss(lifetime, std::vector<std::string>(addresses.begin(), addresses.end()));
+    }
+    RaBuilder& rdnss(uint32_t lifetime, const std::vector<std::string>& addresses) {
         m_bytes.insert(m_bytes.end(), {0x19, static_cast<uint8_t>(1 + 2 * addresses.size()), 0x00, 0x00});
         put32(lifetime);
-        for (const char* address : addresses) {
-            putAddress(address);
+        for (const std::string& address : addresses) {
+            putAddress(address.c_str());
         }
         return *this;
     }

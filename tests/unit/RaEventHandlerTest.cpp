@@ -284,6 +284,37 @@ TEST_F(RaEventTest, DnsSetIsListedByIdNotByName) {
     EXPECT_EQ(describe(m_data.notified.back()), "dns dns/2001:db8::54 dns/2001:db8::53");
 }
 
+TEST_F(RaEventTest, ServerWithdrawnAndEvictedForANewOneInTheSameRaChangesTheSet) {
+    // The store full of active servers, 2001:db8::1:0 to 2001:db8::1:7f, in RAs that fit the
+    // receive buffer; each RA's servers are active once a second RA confirms them.
+    std::vector<std::string> all;
+    for (unsigned i = 0; i < SolApp::Logic::kMaxDnsServers; ++i) {
+        char text[32];
+        std::snprintf(text, sizeof text, "2001:db8::1:%x", i);
+        all.emplace_back(text);
+    }
+    constexpr size_t kPerRa = 32;
+    for (size_t first = 0; first < all.size(); first += kPerRa) {
+        const std::vector<std::string> some(all.begin() + first, all.begin() + first + kPerRa);
+        receiveRa(RaBuilder(1800).rdnss(600, some).bytes());
+        receiveRa(RaBuilder(1800).rdnss(600, some).bytes());
+    }
+    std::list<DnsServerEntry*> active;
+    m_data.cache.CacheMgr::getActiveDnsServers(active);
+    ASSERT_EQ(active.size(), SolApp::Logic::kMaxDnsServers);
+    m_data.notified.clear();
+
+    // The newest server (highest id) is withdrawn, so it is the one evicted for the new server,
+    // whose entry may then live where the withdrawn one did.
+    receiveRa(RaBuilder(1800).rdnss(0, {all.back().c_str()}).rdnss(600, {"2001:db8::53"}).bytes());
+    ASSERT_EQ(m_data.notified.size(), 1u) << ::testing::PrintToString(describe(m_data.notified));
+    std::string expected = "dns";
+    for (auto it = all.begin(); it != all.end() - 1; ++it) {
+        expected += " dns/" + *it;
+    }
+    EXPECT_EQ(describe(m_data.notified[0]), expected + " " + kDns53);
+}
+
 TEST_F(RaEventTest, DnsServerWhoseDataChangesWithoutLeavingTheSetIsNotForwarded) {
     receiveRa(RaBuilder(1800).rdnss(600, {"2001:db8::53"}).bytes());
     receiveRa(RaBuilder(1800).rdnss(600, {"2001:db8::53"}).bytes());
