@@ -11,6 +11,7 @@ fi
 for tool in ip lttng lttng-sessiond babeltrace2; do
     command -v "$tool" >/dev/null || { echo "FAIL: $tool is missing; run scripts/install-deps"; exit 1; }
 done
+source "$(dirname "$0")/tracing_lib.sh"
 
 DAEMON=${SOLICD_BUILD:?SOLICD_BUILD not set}/bin/solicd
 [ -x "$DAEMON" ] || { echo "FAIL: $DAEMON not built"; exit 1; }
@@ -25,7 +26,6 @@ MBOX=solicd-$RUN
 SESSION=solicd-daemon-$RUN
 TRACES=$WORK/traces.txt
 daemon_pid=""
-sessiond_pid=""
 
 cleanup() {
     if [ -n "$daemon_pid" ]; then
@@ -33,10 +33,7 @@ cleanup() {
         wait "$daemon_pid" 2>/dev/null || true
     fi
     lttng destroy "$SESSION" >/dev/null 2>&1 || true
-    if [ -n "$sessiond_pid" ]; then
-        kill "$sessiond_pid" 2>/dev/null || true
-        timeout 20 tail --pid="$sessiond_pid" -f /dev/null || true
-    fi
+    stop_session_daemon
     ip netns del "$NS" 2>/dev/null || true
     rm -rf "$WORK"
 }
@@ -84,11 +81,8 @@ for _ in $(seq 1 100); do
     sleep 0.1
 done
 
-# ---- A session that records the daemon only (other tests may trace at the same time).
-if ! pgrep -x lttng-sessiond >/dev/null; then
-    lttng-sessiond --daemonize --no-kernel
-    sessiond_pid="$(cat /var/run/lttng/lttng-sessiond.pid)"
-fi
+# ---- A session that records the daemon only.
+start_session_daemon
 lttng create "$SESSION" --output="$WORK/trace" >/dev/null
 lttng enable-event --userspace 'com_orvane_kt_solicd:*' --session="$SESSION" \
     --filter '$ctx.procname == "solicd"' >/dev/null

@@ -2,20 +2,17 @@
 # An LTTng session records one solicd run, and only that process: babeltrace2 shows the start-up
 # sequence, the LAB lines of every RA, the client notifications, SIGHUP traced and ignored, and
 # the clean termination on SIGTERM, with the exact texts.
+source "$(dirname "$0")/tracing_lib.sh"
 source "$(dirname "$0")/e2e_lib.sh"
 for tool in lttng lttng-sessiond babeltrace2; do
     command -v "$tool" >/dev/null || { echo "skipped: $tool is not installed (scripts/install-deps)"; exit 77; }
 done
 
 session=solicd-e2e-$RUN
-sessiond_pid=""
 stop_tracing()
 {
     lttng destroy "$session" >/dev/null 2>&1 || true
-    if [ -n "$sessiond_pid" ]; then
-        kill "$sessiond_pid" 2>/dev/null || true
-        timeout 20 tail --pid="$sessiond_pid" -f /dev/null || true
-    fi
+    stop_session_daemon
 }
 trap 'stop_tracing; cleanup' EXIT
 
@@ -23,11 +20,7 @@ lab_up
 router_address fe80::a
 start_watch watch
 
-# Use the running session daemon; start one only when there is none, and stop only that one.
-if ! pgrep -x lttng-sessiond >/dev/null; then
-    lttng-sessiond --daemonize --no-kernel
-    sessiond_pid=$(cat /var/run/lttng/lttng-sessiond.pid)
-fi
+start_session_daemon
 
 # solicd waits behind a FIFO until the session tracks its process id and records.
 mkfifo "$WORK/go"

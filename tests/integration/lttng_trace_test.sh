@@ -9,6 +9,7 @@ fi
 for tool in lttng lttng-sessiond babeltrace2; do
     command -v "$tool" >/dev/null || { echo "FAIL: $tool is missing; run scripts/install-deps"; exit 1; }
 done
+source "$(dirname "$0")/tracing_lib.sh"
 
 : "${SOLICD_BUILD:?}" "${SOLICD_SRC:?}"
 emitter="$SOLICD_BUILD/bin/trace_emitter"
@@ -17,29 +18,17 @@ source_file="$SOLICD_SRC/tests/integration/trace_emitter.cpp"
 
 session="solicd-it-$$"
 workdir="$(mktemp -d /tmp/solicd-lttng.XXXXXX)"
-sessiond_pid=""
 
 cleanup() {
     lttng destroy "$session" >/dev/null 2>&1 || true
-    if [ -n "$sessiond_pid" ]; then
-        kill "$sessiond_pid" 2>/dev/null || true
-        # Let it finish, so that the next test does not find it on its way out.
-        timeout 20 tail --pid="$sessiond_pid" -f /dev/null || true
-    fi
+    stop_session_daemon
     rm -rf "$workdir"
 }
 trap cleanup EXIT
 
-# Use the running session daemon; start one only when there is none, and stop only that one.
-if ! pgrep -x lttng-sessiond >/dev/null; then
-    lttng-sessiond --daemonize --no-kernel
-    sessiond_pid="$(cat /var/run/lttng/lttng-sessiond.pid)"
-fi
-
+start_session_daemon
 lttng create "$session" --output="$workdir/trace" >/dev/null
-# Other tests may be tracing at the same time: record only the emitter.
-lttng enable-event --userspace 'com_orvane_kt_solicd:*' --session="$session" \
-    --filter '$ctx.procname == "trace_emitter"' >/dev/null
+lttng enable-event --userspace 'com_orvane_kt_solicd:*' --session="$session" >/dev/null
 lttng start "$session" >/dev/null
 # The provider registers with the session daemon before main; allow a loaded machine time for it.
 LTTNG_UST_REGISTER_TIMEOUT=20000 "$emitter"

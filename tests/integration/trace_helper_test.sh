@@ -13,15 +13,13 @@ for tool in lttng lttng-sessiond lttng-relayd babeltrace2 unshare ip; do
 done
 : "${SOLICD_BUILD:?}" "${SOLICD_SRC:?}"
 
-# Private /run/lttng, /dev/shm and network: daemons of other tests or users on this machine can
-# neither serve us nor be stopped by us, and the relay daemon's ports are ours.
-if [ -z "${SOLICD_TRACE_TEST_ISOLATED:-}" ]; then
-    exec unshare --mount --net env SOLICD_TRACE_TEST_ISOLATED=1 bash "$0" "$@"
+# Private /run/lttng and /dev/shm (tracing_lib.sh): daemons of other tests or users on this
+# machine can neither serve us nor be stopped by us. A network of our own: the relay daemon's
+# ports are ours.
+source "$(dirname "$0")/tracing_lib.sh"
+if [ -z "${SOLICD_TRACE_TEST_NET:-}" ]; then
+    exec unshare --net env SOLICD_TRACE_TEST_NET=1 bash "$0" "$@"
 fi
-mount --make-rprivate /
-mkdir -p /run/lttng
-mount -t tmpfs tmpfs /run/lttng
-mount -t tmpfs tmpfs /dev/shm
 ip link set lo up
 
 helper="$SOLICD_SRC/scripts/solicd-trace"

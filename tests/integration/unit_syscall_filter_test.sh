@@ -3,20 +3,11 @@
 # SystemCallFilter allows, and every socket it opens is of a family RestrictAddressFamilies
 # allows. Recorded with strace over start-up, tracing to a session, solicitations, an RA,
 # a show-cache request, SIGHUP and SIGTERM.
+source "$(dirname "$0")/tracing_lib.sh"
 source "$(dirname "$0")/packaging_lib.sh"
 need_root "trace a daemon in network namespaces"
 need_tools strace systemd-analyze unshare ip lttng lttng-sessiond
 solicctl="$SOLICD_BUILD/bin/solicctl"
-
-# Private /run/lttng and /dev/shm: the session daemon and its session are the test's own.
-if [ -z "${SOLICD_FILTER_TEST_ISOLATED:-}" ]; then
-    rm -rf "$work"
-    exec unshare --mount env SOLICD_FILTER_TEST_ISOLATED=1 bash "$0" "$@"
-fi
-mount --make-rprivate /
-mkdir -p /run/lttng
-mount -t tmpfs tmpfs /run/lttng
-mount -t tmpfs tmpfs /dev/shm
 
 daemon="$SOLICD_BUILD/bin/solicd"
 sender="$SOLICD_BUILD/bin/icmp6_sender"
@@ -30,17 +21,13 @@ peer=sp$run
 mbox=solicd-$run
 strace_pid=""
 daemon_pid=""
-sessiond_pid=""
 cleanup() {
     set +e
     if [ -n "$strace_pid" ]; then
         kill -KILL "$daemon_pid" "$strace_pid"
         wait "$strace_pid"
     fi 2>/dev/null
-    if [ -n "$sessiond_pid" ]; then
-        kill "$sessiond_pid"
-        timeout 10 tail --pid="$sessiond_pid" -s 0.1 -f /dev/null
-    fi 2>/dev/null
+    stop_session_daemon
     ip netns del "$ns" 2>/dev/null
     rm -rf "$work"
 }
@@ -77,13 +64,7 @@ ip netns exec "$ns" sysctl -qw "net.ipv6.conf.$ifname.accept_dad=0" "net.ipv6.co
 ip -n "$ns" link set "$ifname" up
 ip -n "$ns" link set "$peer" up
 
-lttng-sessiond --no-kernel >"$work/sessiond.log" 2>&1 </dev/null &
-sessiond_pid=$!
-deadline=$((SECONDS + 10))
-until lttng --no-sessiond list >/dev/null 2>&1; do
-    [ $SECONDS -lt $deadline ] || fail "lttng-sessiond did not start"
-    sleep 0.1
-done
+start_session_daemon
 lttng create "filter-$run" --output="$work/trace" >/dev/null
 lttng enable-event --userspace 'com_orvane_kt_solicd:*' --session="filter-$run" >/dev/null
 lttng start "filter-$run" >/dev/null
