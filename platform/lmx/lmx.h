@@ -1,8 +1,9 @@
 /* liblmx: named local mailboxes between processes, with asynchronous locate and death monitoring.
  * Broker-less: each mailbox is a SOCK_SEQPACKET Unix socket at $LMX_DIR/NAME (default /run/lmx,
- * created with mode 0770). Every message buffer begins with its 32-bit message number. Not
- * thread-safe: one thread per process uses the service. A child forked after lmx_init starts
- * without it (the parent's mailboxes stay the parent's).
+ * created with mode 0770). Every message buffer begins with its 32-bit message number. One
+ * thread per process calls the service; a thread of the service's own, started by lmx_init with
+ * every signal blocked, does its work meanwhile. A child forked after lmx_init starts without
+ * it (the parent's mailboxes stay the parent's).
  * Failures set errno: EINVAL bad argument or name, EPERM before lmx_init, ENOMEM. */
 #ifndef LMX_H
 #define LMX_H
@@ -38,13 +39,15 @@ lmx_mbox_id_t lmx_create_mailbox(const char* name, uint32_t flags);
  * peers' monitors of it answer. 0, or -1 (EINVAL) when it is not ours. */
 int lmx_delete_mailbox(lmx_mbox_id_t id);
 
-/* Readable exactly while a message or an internal event waits to be taken. The internal work
- * (connections, locates, monitors, flushing queued output) is done inside lmx_receive. */
+/* Readable exactly while a message waits that lmx_receive returns: a peer's message, a locate
+ * answer or a monitor answer. The service's own work (connections coming and going, hellos,
+ * partial messages, directory changes, queued output) never makes it readable. */
 int lmx_get_fd(void);
 
 /* Takes the next message addressed to one of this process's mailboxes. `filter` is a list of
  * message numbers ending in 0, or NULL for all; `from` a sender's id or LMX_ANY_SENDER.
- * timeout_ms 0 never blocks; -1 waits for ever.
+ * timeout_ms 0 never blocks; -1 waits for ever. At most 4 MiB of messages wait untaken: beyond
+ * that the service stops reading its peers until the application takes some.
  * Returns NULL with errno EAGAIN when nothing waits (ETIMEDOUT after a positive timeout). */
 void* lmx_receive(const uint32_t* filter, int32_t timeout_ms, uint32_t from);
 /* The sender's mailbox id (process-local handle of the sender's name). */
@@ -55,7 +58,7 @@ size_t lmx_size(const void* msg);
 
 /* Sends `msg` from mailbox `from` (one of ours) to mailbox `to` and takes ownership of it in
  * every case. Never blocks: a busy peer gets the message queued, up to 4 MiB per peer, and the
- * queue drains as lmx_receive runs. 0 on success; -1 with ENOBUFS when the queue is full, or the
+ * queue drains as the peer reads. 0 on success; -1 with ENOBUFS when the queue is full, or the
  * error of the connection (ECONNREFUSED, ENOENT: the mailbox is gone). */
 int lmx_send(void* msg, lmx_mbox_id_t to, lmx_mbox_id_t from);
 
