@@ -7,7 +7,9 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <new>
+#include <type_traits>
 
 #include "lmx_message.h"
 #include "lmx_service.h"
@@ -15,9 +17,10 @@
 namespace {
 
 std::unique_ptr<lmx::Service> g_service;
+lmx::Service* g_lockedForFork = nullptr;
 
-// Runs `op` on the started service; `failure` with errno EPERM before lmx_init, ENOMEM when
-// memory ran out.
+// Runs `op` on the started service, holding its lock against the service thread; `failure` with
+// errno EPERM before lmx_init, ENOMEM when memory ran out.
 template <typename R, typename Op>
 R withService(R failure, Op&& op) noexcept {
     try {
@@ -25,12 +28,17 @@ R withService(R failure, Op&& op) noexcept {
             errno = EPERM;
             return failure;
         }
-        // After every operation, even one that failed half-way.
+        std::unique_lock<std::mutex> held(g_service->lock());
+        // After every operation, even one that failed half-way; still under the lock.
         struct Settle {
             lmx::Service& service;
             ~Settle() { service.settle(); }
         } settle{*g_service};
-        return op(*g_service);
+        if constexpr (std::is_invocable_v<Op, lmx::Service&, std::unique_lock<std::mutex>&>) {
+            return op(*g_service, held);
+        } else {
+            return op(*g_service);
+        }
     } catch (const std::bad_alloc&) {
         errno = ENOMEM;
     } catch (...) {
@@ -39,9 +47,26 @@ R withService(R failure, Op&& op) noexcept {
     return failure;
 }
 
+// The service thread holds the lock while it works: a fork waits until it is done, so the child
+// never inherits a lock held by a thread it does not have.
+void lockBeforeFork() {
+    if (g_service != nullptr) {
+        g_service->lock().lock();
+        g_lockedForFork = g_service.get();
+    }
+}
+
+void unlockAfterFork() {
+    if (g_lockedForFork != nullptr) {
+        g_lockedForFork->lock().unlock();
+        g_lockedForFork = nullptr;
+    }
+}
+
 // A forked child must not keep the parent's mailboxes open: a mailbox deleted or a process dead
 // would otherwise still look alive to its peers and monitors.
 void forgetAfterFork() {
+    unlockAfterFork();
     if (g_service != nullptr) {
         g_service->forsake();
         g_service.reset();
@@ -61,7 +86,7 @@ int lmx_init(unsigned mailboxes, const void* options) {
         errno = EINVAL;
         return -1;
     }
-    static const bool forkHandled = ::pthread_atfork(nullptr, nullptr, forgetAfterFork) == 0;
+    static const bool forkHandled = ::pthread_atfork(lockBeforeFork, unlockAfterFork, forgetAfterFork) == 0;
     if (!forkHandled) {
         errno = ENOMEM;
         return -1;
@@ -97,7 +122,9 @@ int lmx_get_fd(void) {
 }
 
 void* lmx_receive(const uint32_t* filter, int32_t timeout_ms, uint32_t from) {
-    return withService<void*>(nullptr, [&](lmx::Service& s) { return s.receive(filter, timeout_ms, from); });
+    return withService<void*>(nullptr, [&](lmx::Service& s, std::unique_lock<std::mutex>& held) {
+        return s.receive(filter, timeout_ms, from, held);
+    });
 }
 
 lmx_mbox_id_t lmx_sender(const void* msg) {

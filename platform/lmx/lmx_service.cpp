@@ -9,6 +9,8 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <signal.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -27,15 +29,13 @@ constexpr mode_t kDirMode = 0770;
 constexpr mode_t kSocketMode = 0660;
 constexpr int kEventBatch = 32;
 constexpr int kAcceptBatch = 16;
-constexpr int kPumpRounds = 16;  // batches of events one lmx_receive without timeout handles
 constexpr size_t kMaxInboundPerMailbox = 1024;
-// Queued output per connection before lmx_send refuses; the kernel holds another send buffer.
-constexpr size_t kPeerQueueLimit = 4 * 1024 * 1024;
 // Asked for per data connection so several full packets are in flight; the kernel caps it at
 // net.core.wmem_max, and a smaller buffer gets smaller packets.
 constexpr int kSendBuffer = 256 * 1024;
 constexpr int kInstallAttempts = 3;
 constexpr uint64_t kDirectoryToken = 1;
+constexpr uint64_t kWakeToken = 2;
 constexpr size_t kNotifyBufferSize = 4096;
 
 // A socket address that reaches `rest` through the descriptor `fd`; mailbox paths can be longer
@@ -134,11 +134,15 @@ struct Service::MonitorLink : Channel {
 // Start and end
 
 Service::Service(unsigned mailboxes)
-    : m_mailboxLimit(mailboxes), m_nextToken(kDirectoryToken + 1), m_packet(kMaxPacketSize) {}
+    : m_mailboxLimit(mailboxes), m_nextToken(kWakeToken + 1), m_packet(kMaxPacketSize) {}
 
 std::unique_ptr<Service> Service::start(unsigned mailboxes) {
     std::unique_ptr<Service> service(new Service(mailboxes));
-    if (const int err = service->setUp(); err != 0) {
+    int err = service->setUp();
+    if (err == 0) {
+        err = service->startThread();
+    }
+    if (err != 0) {
         service.reset();
         errno = err;
     }
@@ -161,29 +165,84 @@ int Service::setUp() {
         return value >= 0;
     };
     if (!opened(m_dir, ::open(m_dirPath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) ||
-        !opened(m_outer, ::epoll_create1(EPOLL_CLOEXEC)) ||
         !opened(m_inner, ::epoll_create1(EPOLL_CLOEXEC)) ||
         !opened(m_event, ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) ||
+        !opened(m_wake, ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) ||
         !opened(m_notify, ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) ||
         !opened(m_reserve, ::open("/dev/null", O_RDONLY | O_CLOEXEC))) {
         return errno;
     }
-    epoll_event ev{};
-    ev.events = EPOLLIN;
-    ev.data.u64 = kDirectoryToken;
-    if (::epoll_ctl(m_inner.get(), EPOLL_CTL_ADD, m_notify.get(), &ev) != 0) {
-        return errno;
-    }
-    for (const Fd* fd : {&m_inner, &m_event}) {
-        ev.data.fd = fd->get();
-        if (::epoll_ctl(m_outer.get(), EPOLL_CTL_ADD, fd->get(), &ev) != 0) {
+    for (const auto& [fd, token] : {std::pair{&m_notify, kDirectoryToken}, std::pair{&m_wake, kWakeToken}}) {
+        epoll_event ev{};
+        ev.events = EPOLLIN;
+        ev.data.u64 = token;
+        if (::epoll_ctl(m_inner.get(), EPOLL_CTL_ADD, fd->get(), &ev) != 0) {
             return errno;
         }
     }
     return 0;
 }
 
+int Service::startThread() {
+    // Signals are the application's: the service thread never takes one (a SIGTERM meant for a
+    // signalfd or a handler of the main thread would otherwise end up here).
+    sigset_t all;
+    sigset_t previous;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &previous);
+    const int err = ::pthread_create(&m_thread, nullptr, &Service::threadMain, this);
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    m_threadRunning = err == 0;
+    return err;
+}
+
+void Service::stopThread() {
+    if (!m_threadRunning) {
+        return;
+    }
+    {
+        const std::lock_guard held(m_mutex);
+        m_stopping = true;
+    }
+    const uint64_t one = 1;
+    [[maybe_unused]] const ssize_t n = ::write(m_wake.get(), &one, sizeof one);
+    ::pthread_join(m_thread, nullptr);
+    m_threadRunning = false;
+}
+
+void* Service::threadMain(void* self) {
+    static_cast<Service*>(self)->serve();
+    return nullptr;
+}
+
+void Service::serve() {
+    epoll_event events[kEventBatch];
+    for (;;) {
+        const int n = ::epoll_wait(m_inner.get(), events, kEventBatch, -1);
+        if (n < 0 && errno != EINTR) {
+            return;
+        }
+        const std::lock_guard held(m_mutex);
+        if (m_stopping) {
+            return;
+        }
+        const size_t before = m_inbox.size();
+        for (int i = 0; i < n; ++i) {
+            try {
+                dispatch(events[i]);
+            } catch (const std::bad_alloc&) {
+                // Out of memory for one event: the level-triggered set offers it again.
+            }
+        }
+        settle();
+        if (m_inbox.size() > before) {
+            m_arrived.notify_all();
+        }
+    }
+}
+
 Service::~Service() {
+    stopThread();
     while (!m_mailboxes.empty()) {
         deleteMailbox(m_mailboxes.begin()->first);
     }
@@ -403,20 +462,14 @@ void Service::drop(Token token) {
     m_channels.erase(it);
 }
 
-int Service::pump(int waitMs) {
-    epoll_event events[kEventBatch];
-    const int n = ::epoll_wait(m_inner.get(), events, kEventBatch, waitMs);
-    for (int i = 0; i < n; ++i) {
-        dispatch(events[i]);
-    }
-    return n;
-}
-
 void Service::dispatch(const epoll_event& event) {
     const Token token = event.data.u64;
     if (token == kDirectoryToken) {
         readDirectoryEvents();
         return;
+    }
+    if (token == kWakeToken) {
+        return;  // the flag it stands for is read under the lock
     }
     const auto it = m_channels.find(token);
     if (it == m_channels.end()) {
@@ -429,7 +482,11 @@ void Service::dispatch(const epoll_event& event) {
             acceptInbound(static_cast<Listener&>(channel));
             break;
         case Channel::Kind::Inbound:
-            keep = readInbound(static_cast<Inbound&>(channel));
+            if (inboxFull()) {
+                pause(static_cast<Inbound&>(channel));
+            } else {
+                keep = readInbound(static_cast<Inbound&>(channel));
+            }
             break;
         case Channel::Kind::Outbound:
             // A peer never speaks on our link: input means it closed it or broke the protocol.
@@ -512,6 +569,29 @@ bool Service::readInbound(Inbound& inbound) {
                 return false;
         }
     }
+}
+
+void Service::pause(Inbound& inbound) {
+    epoll_event ev{};
+    ev.data.u64 = inbound.m_token;
+    if (::epoll_ctl(m_inner.get(), EPOLL_CTL_MOD, inbound.m_fd.get(), &ev) == 0) {
+        m_paused.push_back(inbound.m_token);
+    }
+}
+
+void Service::resumeIfRoom() {
+    if (m_paused.empty() || m_inboxBytes > kInboxLimit / 2) {
+        return;
+    }
+    for (const Token token : m_paused) {
+        if (const auto it = m_channels.find(token); it != m_channels.end()) {
+            epoll_event ev{};
+            ev.events = EPOLLIN;
+            ev.data.u64 = token;
+            ::epoll_ctl(m_inner.get(), EPOLL_CTL_MOD, it->second->m_fd.get(), &ev);
+        }
+    }
+    m_paused.clear();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -803,6 +883,7 @@ int Service::unmonitor(uint32_t monitorId) {
 // The inbox
 
 void Service::deliver(MessagePtr msg) {
+    m_inboxBytes += headerOf(msg.get()).size;
     m_inbox.push_back(std::move(msg));
 }
 
@@ -839,16 +920,20 @@ MessagePtr Service::take(const uint32_t* filter, uint32_t from) {
     }
     MessagePtr msg = std::move(*it);
     m_inbox.erase(it);
+    m_inboxBytes -= headerOf(msg.get()).size;
+    resumeIfRoom();
     return msg;
 }
 
 void Service::withdrawAnswers(uint32_t monitorId) {
-    m_inbox.erase(std::remove_if(m_inbox.begin(), m_inbox.end(),
-                                 [monitorId](const MessagePtr& msg) {
-                                     return msgNoOf(msg.get()) == LMX_MONITOR_DEFAULT_NO &&
-                                            headerOf(msg.get()).monitorId == monitorId;
-                                 }),
-                  m_inbox.end());
+    std::erase_if(m_inbox, [this, monitorId](const MessagePtr& msg) {
+        const bool withdrawn =
+            msgNoOf(msg.get()) == LMX_MONITOR_DEFAULT_NO && headerOf(msg.get()).monitorId == monitorId;
+        if (withdrawn) {
+            m_inboxBytes -= headerOf(msg.get()).size;
+        }
+        return withdrawn;
+    });
 }
 
 void Service::settle() {
@@ -864,28 +949,25 @@ void Service::settle() {
     }
 }
 
-void* Service::receive(const uint32_t* filter, int32_t timeoutMs, uint32_t from) {
+void* Service::receive(const uint32_t* filter, int32_t timeoutMs, uint32_t from,
+                       std::unique_lock<std::mutex>& held) {
     using Clock = std::chrono::steady_clock;
     const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(std::max(timeoutMs, 0));
-    const auto remainingMs = [&deadline] {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        return static_cast<int>(std::max<decltype(left)>(left, 0));
-    };
-    for (int round = 1;; ++round) {
+    for (;;) {
         if (MessagePtr msg = take(filter, from)) {
             return msg.release();
-        }
-        const int wait = timeoutMs < 0 ? -1 : timeoutMs == 0 ? 0 : remainingMs();
-        // Without a timeout, the work done per call is bounded: what is left keeps the
-        // descriptor readable for the next call.
-        if (pump(wait) > 0 && (timeoutMs != 0 || round < kPumpRounds)) {
-            continue;
         }
         if (timeoutMs == 0) {
             errno = EAGAIN;
             return nullptr;
         }
-        if (timeoutMs > 0 && remainingMs() == 0) {
+        // The service thread delivers while this one waits without the lock.
+        if (timeoutMs < 0) {
+            m_arrived.wait(held);
+        } else if (m_arrived.wait_until(held, deadline) == std::cv_status::timeout) {
+            if (MessagePtr msg = take(filter, from)) {
+                return msg.release();
+            }
             errno = ETIMEDOUT;
             return nullptr;
         }

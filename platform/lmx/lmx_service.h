@@ -1,16 +1,24 @@
 // The mailbox service of one process: its mailboxes (listening sockets in the mailbox directory),
 // the connections to and from other mailboxes, the queue of messages waiting to be taken, and
-// the pending locates and monitors. One instance per process, used from one thread.
+// the pending locates and monitors. One instance per process, used from one application thread.
+//
+// A thread of the service's own does its work (connections coming and going, hellos, packets,
+// directory changes, queued output), so the descriptor handed to the application becomes
+// readable only when a message waits for it. The application's calls and the service thread
+// take turns through one lock: every operation below expects the caller to hold lock().
 #pragma once
 
+#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -24,6 +32,11 @@
 struct epoll_event;
 
 namespace lmx {
+
+// Queued output per connection before lmx_send refuses; the kernel holds another send buffer.
+constexpr size_t kPeerQueueLimit = 4 * 1024 * 1024;
+// Received bytes waiting for the application before the service stops taking more in.
+constexpr size_t kInboxLimit = 4 * 1024 * 1024;
 
 // Owns one descriptor; -1 when closed.
 class Fd {
@@ -63,13 +76,19 @@ public:
     Service& operator=(const Service&) = delete;
 
     // In a child after fork: lets go of everything without touching what the parent still uses
-    // (its socket files, its epoll registrations).
-    void forsake() { m_mailboxes.clear(); }
+    // (its socket files, its epoll registrations, its service thread, which the child has not).
+    void forsake() {
+        m_mailboxes.clear();
+        m_threadRunning = false;
+    }
 
-    int fd() const { return m_outer.get(); }
+    std::mutex& lock() { return m_mutex; }
+    int fd() const { return m_event.get(); }
     lmx_mbox_id_t createMailbox(const char* name);
     int deleteMailbox(lmx_mbox_id_t id);
-    void* receive(const uint32_t* filter, int32_t timeoutMs, uint32_t from);
+    // Waits, when it must, on `held` (the caller's hold of lock()) so the service thread can work.
+    void* receive(const uint32_t* filter, int32_t timeoutMs, uint32_t from,
+                  std::unique_lock<std::mutex>& held);
     int send(MessagePtr msg, lmx_mbox_id_t to, lmx_mbox_id_t from);
     int locateAsync(const char* name, const void* data, uint32_t sender);
     lmx_mbox_id_t locate(const char* name);
@@ -77,7 +96,8 @@ public:
     int unmonitor(uint32_t monitorId);
     const char* name(lmx_mbox_id_t id) const;
     // Makes the eventfd readable exactly while the inbox holds something; called after every
-    // operation, so a message delivered and taken within one call costs no system call.
+    // operation and every turn of the service thread, so a message delivered and taken within one
+    // call costs no system call.
     void settle();
 
 private:
@@ -91,6 +111,10 @@ private:
 
     explicit Service(unsigned mailboxes);
     int setUp();
+    int startThread();
+    void stopThread();
+    static void* threadMain(void* self);
+    void serve();
 
     // Connects to the mailbox `name`; 0, or the errno of the failure (ENOTSOCK when the file is
     // not a socket). `file` receives the socket file's identity.
@@ -101,8 +125,12 @@ private:
 
     Token addChannel(std::unique_ptr<Channel> channel, uint32_t events);
     void drop(Token token);
-    int pump(int waitMs);
     void dispatch(const epoll_event& event);
+    // While the inbox is full, a connection with more to read waits, out of the epoll set, for the
+    // application to take messages: a peer can never grow the inbox without bound.
+    bool inboxFull() const { return m_inboxBytes >= kInboxLimit; }
+    void pause(Inbound& inbound);
+    void resumeIfRoom();
     void acceptInbound(Listener& listener);
     bool readInbound(Inbound& inbound);
     Outbound* outboundTo(lmx_mbox_id_t from, lmx_mbox_id_t to);
@@ -124,10 +152,15 @@ private:
     const unsigned m_mailboxLimit;
     std::string m_dirPath;
     Fd m_dir;
-    Fd m_outer;  // what lmx_get_fd hands out: m_inner and m_event
-    Fd m_inner;  // sockets and the directory watch
-    Fd m_event;  // readable while m_inbox holds a message
+    Fd m_inner;  // sockets, the directory watch and m_wake: what the service thread waits on
+    Fd m_event;  // what lmx_get_fd hands out: readable while m_inbox holds a message
     bool m_eventRaised = false;
+    Fd m_wake;  // tells the service thread to stop
+    std::mutex m_mutex;
+    std::condition_variable m_arrived;  // the inbox got a message
+    pthread_t m_thread{};
+    bool m_threadRunning = false;
+    bool m_stopping = false;
     Fd m_notify;  // inotify on the directory, watched only while locates wait
     int m_watch = -1;
     Fd m_reserve;  // given up for a moment to shed a connection when descriptors run out
@@ -140,6 +173,8 @@ private:
     uint32_t m_lastMonitorId = 0;
     std::map<std::string, unsigned> m_pendingLocates;  // name -> requests waiting for it
     std::deque<MessagePtr> m_inbox;
+    size_t m_inboxBytes = 0;
+    std::vector<Token> m_paused;    // inbound connections waiting for room in the inbox
     std::vector<uint8_t> m_packet;  // one received packet at a time
     unsigned m_tmpCounter = 0;
 };

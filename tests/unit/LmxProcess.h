@@ -40,6 +40,21 @@ inline bool readable(int fd, int waitMs = 0) {
     return ::poll(&p, 1, waitMs) == 1 && (p.revents & (POLLIN | POLLHUP)) != 0;
 }
 
+// How long a quiet descriptor is watched to show that it stays quiet: the service thread does its
+// work in well under this.
+constexpr int kQuietMs = 200;
+
+// Polls `done` every millisecond until it holds; false if the guard ran out first.
+inline bool eventually(const std::function<bool()>& done, int guardMs = kGuardMs) {
+    for (int waited = 0; !done(); ++waited) {
+        if (waited >= guardMs) {
+            return false;
+        }
+        ::usleep(1000);
+    }
+    return true;
+}
+
 inline size_t openDescriptors() {
     size_t count = 0;
     for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
