@@ -202,6 +202,9 @@ void Logic::handleRaSocketEvent() {
     for (size_t i = 0; i < count; ++i) {
         notifyOrRestart(lmx, "handleRaSocketEvent", notifications[i]);
     }
+    if (count != 0) {
+        m_status.cacheChanged();
+    }
 }
 
 // ---- Cache-entry expiry ----
@@ -220,6 +223,7 @@ void Logic::handleCacheExpiredEvent(uint32_t type, const std::string& name) {
         default:
             break;
     }
+    m_status.cacheChanged();
 }
 
 void Logic::handleRouterExpiry(const std::string& name) {
@@ -308,6 +312,13 @@ bool Logic::readyForLmxNotify(bool dataUpdated) {
     return ready;
 }
 
+ServiceStatus::Counts Logic::countEntriesInUse() {
+    CacheMgr& cache = m_data->getCacheMgr();
+    return {listOf(cache, &CacheMgr::getActiveRouters).size(),
+            listOf(cache, &CacheMgr::getActiveNetworks).size(),
+            listOf(cache, &CacheMgr::getActiveDnsServers).size()};
+}
+
 // ---- Client messages ----
 
 void Logic::handleLmxEvent() {
@@ -333,6 +344,9 @@ void Logic::handleLmxEvent() {
         SOL_TRACE(LAB, "GENERAL", "handleLmxEvent", "[%s] Client established connection, sending RA cache",
                   getTraceTag());
         sendRaCacheToLmxClient();
+        m_status.clientConnected();
+    } else if (stateBefore == LmxMgr::DST_MBOX_STATE_CONNECTED && stateAfter != stateBefore) {
+        m_status.clientLost();
     }
 
     switch (rxType) {
