@@ -38,13 +38,15 @@ wait_ready 20
 [ "$(stat -c '%a %U %G' "$LMX_DIR/$DAEMON_MBOX")" = "660 root $GROUP" ] ||
     fail "solicd's mailbox is $(stat -c '%a %U %G' "$LMX_DIR/$DAEMON_MBOX"), not 660 root $GROUP"
 
-# as_user NAME COMMAND...: solicctl as the user, stdout in NAME.out, stderr in NAME.err; its status.
+# The user's solicctl: this run's directory, and sanitizer reports (in a sanitized build) on
+# stderr, which the user can write, rather than in root's report files.
+user_solicctl=(runuser -u "$USER_NAME" -- env -u ASAN_OPTIONS -u UBSAN_OPTIONS LMX_DIR="$LMX_DIR" "$SOLICCTL")
+# as_user NAME ARGS...: solicctl as the user, stdout in NAME.out, stderr in NAME.err; its status.
 as_user()
 {
     local name=$1 status=0
     shift
-    runuser -u "$USER_NAME" -- env LMX_DIR="$LMX_DIR" "$SOLICCTL" "$@" >"$WORK/$name.out" 2>"$WORK/$name.err" ||
-        status=$?
+    "${user_solicctl[@]}" "$@" >"$WORK/$name.out" 2>"$WORK/$name.err" || status=$?
     return $status
 }
 refused="solicctl: permission denied: you may not use the mailboxes in $LMX_DIR; join group $GROUP (then log in again) or run as root"
@@ -66,8 +68,7 @@ grep -q '^Counters:' "$WORK/member.out" || fail "a member's show has no counters
 as_user member-ls ls || fail "a member's solicctl ls failed: $(cat "$WORK/member-ls.err")"
 grep -qx "$DAEMON_MBOX" "$WORK/member-ls.out" || fail "a member's ls lacks $DAEMON_MBOX: $(cat "$WORK/member-ls.out")"
 # A member may be the client: its mailbox belongs to the group and solicd sends it the cache.
-runuser -u "$USER_NAME" -- env LMX_DIR="$LMX_DIR" "$SOLICCTL" watch "$CLIENT_MBOX" --json --count 1 --timeout 20 \
-    >"$WORK/watch.out" 2>"$WORK/watch.err" &
+"${user_solicctl[@]}" watch "$CLIENT_MBOX" --json --count 1 --timeout 20 >"$WORK/watch.out" 2>"$WORK/watch.err" &
 WATCH_PID=$!
 PIDS+=("$WATCH_PID")
 for _ in $(seq 1 50); do
