@@ -267,7 +267,11 @@ solicd-check-config: /etc/solicd/$broken.conf:2: unknown setting 'DESTINATON'; t
 # ---- Remove, then purge ----
 apt-get remove -y "${packages[@]}" >"$work/apt-remove.log" 2>&1 || { tail -n 30 "$work/apt-remove.log"; fail "apt-get remove failed"; }
 [ ! -e /usr/sbin/solicd ] && [ ! -e /usr/bin/solicctl ] || fail "programs are left after removal"
-apt-get purge -y "${packages[@]}" >"$work/apt-purge.log" 2>&1 || { tail -n 30 "$work/apt-purge.log"; fail "apt-get purge failed"; }
+# What is left is configuration: solicd's purge still has to forget its enabled target.
+configured=$(dpkg-query -W -f='${db:Status-Abbrev} ${Package}\n' "${packages[@]}" 2>/dev/null | awk '$1 == "rc" { print $2 }' || true)
+[ "$configured" = solicd ] || fail "after removal, packages with configuration left: '$configured'"
+[ -L /etc/systemd/system/multi-user.target.wants/solicd.target ] || fail "removal disabled solicd.target already"
+apt-get purge -y solicd >"$work/apt-purge.log" 2>&1 || { tail -n 30 "$work/apt-purge.log"; fail "apt-get purge failed"; }
 for p in "${packages[@]}"; do
     state=$(dpkg-query -W -f='${db:Status-Abbrev}' "$p" 2>/dev/null || true)
     [ -z "$state" ] || [ "$state" = "un " ] || fail "$p is still known to dpkg as '$state'"
