@@ -71,10 +71,7 @@ grep -qx "$DAEMON_MBOX" "$WORK/member-ls.out" || fail "a member's ls lacks $DAEM
 "${user_solicctl[@]}" watch "$CLIENT_MBOX" --json --count 1 --timeout 20 >"$WORK/watch.out" 2>"$WORK/watch.err" &
 WATCH_PID=$!
 PIDS+=("$WATCH_PID")
-for _ in $(seq 1 50); do
-    [ -S "$LMX_DIR/$CLIENT_MBOX" ] && break
-    sleep 0.1
-done
+wait_socket "$LMX_DIR/$CLIENT_MBOX" 5
 [ "$(stat -c '%a %U %G' "$LMX_DIR/$CLIENT_MBOX")" = "660 $USER_NAME $GROUP" ] ||
     fail "the member's mailbox is $(stat -c '%a %U %G' "$LMX_DIR/$CLIENT_MBOX"), not 660 $USER_NAME $GROUP"
 send_ra "$LL_R" lifetime=1800

@@ -17,11 +17,7 @@ ip -n "$HOST" addr flush dev "$IH" scope link
 "$LISTENER" "$WORK/notify" >"$WORK/notify.out" 2>"$WORK/notify.err" &
 LISTENER_PID=$!
 PIDS+=("$LISTENER_PID")
-for _ in $(seq 1 50); do
-    [ -S "$WORK/notify" ] && break
-    sleep 0.1
-done
-[ -S "$WORK/notify" ] || fail "the notification socket did not appear"
+wait_socket "$WORK/notify" 5
 
 # wait_notified LINE SECONDS: until the listener has received a notification line LINE.
 wait_notified()
