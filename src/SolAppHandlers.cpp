@@ -197,11 +197,12 @@ void Logic::handleRaSocketEvent() {
             "[%s] Updated %zu objects in RA cache. Solicd client is not connected, no notification will "
             "be sent",
             getTraceTag(), count);
-        return;
+    } else {
+        for (size_t i = 0; i < count; ++i) {
+            notifyOrRestart(lmx, "handleRaSocketEvent", notifications[i]);
+        }
     }
-    for (size_t i = 0; i < count; ++i) {
-        notifyOrRestart(lmx, "handleRaSocketEvent", notifications[i]);
-    }
+    // Without a client to wait for, the status shows the counts all the same.
     if (count != 0) {
         m_status.cacheChanged();
     }

@@ -362,6 +362,34 @@ TEST_F(ServiceStatusHandlerTest, ExpiredRouterLeavesTheCounts) {
                                                  "STATUS=Running: 0 routers, 0 prefixes, 0 DNS servers"));
 }
 
+// A daemon without a client (-d not given) runs from the start and counts all the same.
+class ServiceStatusWithoutClientTest : public HandlerTest {
+protected:
+    void SetUp() override {
+        HandlerTest::SetUp();
+        m_data.notify.enabled = true;
+        m_data.lmxState = LmxMgr::DST_MBOX_STATE_NOT_SET;
+        m_previousPrint = g_set_print_handler([](const gchar*) {});
+        Args args{"solicd", "-i", "eth0", "-s", kHandlerTag};
+        ASSERT_EQ(m_logic.init(args.argc(), args.argv()), 0u);
+    }
+    void TearDown() override {
+        g_log_set_default_handler(g_log_default_handler, nullptr);
+        g_set_print_handler(m_previousPrint);
+        HandlerTest::TearDown();
+    }
+    GPrintFunc m_previousPrint = nullptr;
+};
+
+TEST_F(ServiceStatusWithoutClientTest, RaThatChangesTheCountsIsShown) {
+    receiveRa(RaBuilder(1800).prefix("2001:db8:1::", 3600, 1800).bytes());
+    ASSERT_TRUE(m_logic.getServiceStatus().isRefreshPending());
+    ASSERT_TRUE(iterateUntil([this] { return !m_logic.getServiceStatus().isRefreshPending(); }));
+    EXPECT_THAT(m_data.notify.lines,
+                ElementsAre("READY=1", "STATUS=Running: 0 routers, 0 prefixes, 0 DNS servers",
+                            "STATUS=Running: 1 router, 1 prefix, 0 DNS servers"));
+}
+
 // A daemon started by hand: the same handlers, not a word, not a timer.
 class ServiceStatusUnlistenedTest : public HandlerTest {};
 
