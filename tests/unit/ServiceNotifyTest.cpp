@@ -12,10 +12,12 @@
 #include <string>
 
 #include "ServiceNotify.h"
+#include "StderrCapture.h"
 #include "UniqueFd.h"
 
 using solicd::SystemdNotify;
 using solicd::UniqueFd;
+using solicd::test::StderrCapture;
 
 namespace {
 
@@ -44,41 +46,6 @@ public:
 private:
     std::string m_old;
     bool m_hadOld = false;
-};
-
-// What is written to stderr while it lives.
-class StderrCapture {
-public:
-    StderrCapture() : m_file(std::tmpfile()), m_saved(dup(STDERR_FILENO)) {
-        std::fflush(stderr);
-        dup2(fileno(m_file), STDERR_FILENO);
-    }
-    ~StderrCapture() {
-        restore();
-        std::fclose(m_file);
-    }
-    std::string text() {
-        restore();
-        std::string out;
-        std::rewind(m_file);
-        char buffer[256];
-        while (const size_t n = std::fread(buffer, 1, sizeof buffer, m_file)) {
-            out.append(buffer, n);
-        }
-        return out;
-    }
-
-private:
-    void restore() {
-        if (m_saved >= 0) {
-            std::fflush(stderr);
-            dup2(m_saved, STDERR_FILENO);
-            close(m_saved);
-            m_saved = -1;
-        }
-    }
-    FILE* m_file;
-    int m_saved;
 };
 
 class ServiceNotifyTest : public ::testing::Test {

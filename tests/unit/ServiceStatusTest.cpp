@@ -280,23 +280,38 @@ TEST(ServiceStatusTraceTest, InitTracesTheSameWithAndWithoutAServiceManager) {
 
 // ---- Through the handlers, on the real cache ----
 
-class ServiceStatusHandlerTest : public HandlerTest {
+// The handlers with an initialised logic that a service manager listens to.
+class ListenedHandlerTest : public HandlerTest {
 protected:
-    void SetUp() override {
-        HandlerTest::SetUp();
-        m_data.notify.enabled = true;
-        m_data.lmxState = LmxMgr::DST_MBOX_STATE_CONNECTING;
-        m_previousPrint = g_set_print_handler([](const gchar*) {});
-        Args args{"solicd", "-i", "eth0", "-s", kHandlerTag, "-d", "blue-client"};
-        ASSERT_EQ(m_logic.init(args.argc(), args.argv()), 0u);
-        ASSERT_THAT(m_data.notify.lines,
-                    ElementsAre("READY=1", "STATUS=Waiting for the client mailbox blue-client"));
-        m_data.notify.lines.clear();
-    }
     void TearDown() override {
         g_log_set_default_handler(g_log_default_handler, nullptr);
         g_set_print_handler(m_previousPrint);
         HandlerTest::TearDown();
+    }
+    // Initialises the logic with `args` while the client link is in `linkState`.
+    void start(Args args, uint32_t linkState) {
+        m_data.notify.enabled = true;
+        m_data.lmxState = linkState;
+        m_previousPrint = g_set_print_handler([](const gchar*) {});
+        ASSERT_EQ(m_logic.init(args.argc(), args.argv()), 0u);
+    }
+    void waitForRefresh() {
+        ASSERT_TRUE(m_logic.getServiceStatus().isRefreshPending());
+        ASSERT_TRUE(iterateUntil([this] { return !m_logic.getServiceStatus().isRefreshPending(); }));
+    }
+
+    GPrintFunc m_previousPrint = nullptr;
+};
+
+class ServiceStatusHandlerTest : public ListenedHandlerTest {
+protected:
+    void SetUp() override {
+        HandlerTest::SetUp();
+        start({"solicd", "-i", "eth0", "-s", kHandlerTag, "-d", "blue-client"},
+              LmxMgr::DST_MBOX_STATE_CONNECTING);
+        ASSERT_THAT(m_data.notify.lines,
+                    ElementsAre("READY=1", "STATUS=Waiting for the client mailbox blue-client"));
+        m_data.notify.lines.clear();
     }
     // The locate answer of the client's mailbox, or its monitor answer, through the mailbox event.
     void clientEvent(uint32_t msgNo, uint32_t stateAfter) {
@@ -311,13 +326,8 @@ protected:
     }
     void clientArrives() { clientEvent(LMX_LOCATE_DEFAULT_NO, LmxMgr::DST_MBOX_STATE_CONNECTED); }
     void clientLeaves() { clientEvent(LMX_MONITOR_DEFAULT_NO, LmxMgr::DST_MBOX_STATE_CONNECTING); }
-    void waitForRefresh() {
-        ASSERT_TRUE(m_logic.getServiceStatus().isRefreshPending());
-        ASSERT_TRUE(iterateUntil([this] { return !m_logic.getServiceStatus().isRefreshPending(); }));
-    }
 
     static constexpr uint32_t kClient = 0x51;
-    GPrintFunc m_previousPrint = nullptr;
 };
 
 TEST_F(ServiceStatusHandlerTest, ClientArrivingShowsTheCacheItFoundAndLeavingShowsTheWait) {
@@ -363,22 +373,12 @@ TEST_F(ServiceStatusHandlerTest, ExpiredRouterLeavesTheCounts) {
 }
 
 // A daemon without a client (-d not given) runs from the start and counts all the same.
-class ServiceStatusWithoutClientTest : public HandlerTest {
+class ServiceStatusWithoutClientTest : public ListenedHandlerTest {
 protected:
     void SetUp() override {
         HandlerTest::SetUp();
-        m_data.notify.enabled = true;
-        m_data.lmxState = LmxMgr::DST_MBOX_STATE_NOT_SET;
-        m_previousPrint = g_set_print_handler([](const gchar*) {});
-        Args args{"solicd", "-i", "eth0", "-s", kHandlerTag};
-        ASSERT_EQ(m_logic.init(args.argc(), args.argv()), 0u);
+        start({"solicd", "-i", "eth0", "-s", kHandlerTag}, LmxMgr::DST_MBOX_STATE_NOT_SET);
     }
-    void TearDown() override {
-        g_log_set_default_handler(g_log_default_handler, nullptr);
-        g_set_print_handler(m_previousPrint);
-        HandlerTest::TearDown();
-    }
-    GPrintFunc m_previousPrint = nullptr;
 };
 
 TEST_F(ServiceStatusWithoutClientTest, RaThatChangesTheCountsIsShown) {
