@@ -40,23 +40,23 @@ fuzz: deps
 	@scripts/run-fuzzers build-fuzz/bin $(FUZZ_SECONDS)
 
 # Installs into $(DESTDIR)$(PREFIX). The prefix is configured into the build, since the systemd
-# unit and the pkg-config files name it; a real install (no DESTDIR) refreshes the linker cache.
+# unit and the pkg-config files name it; a real install (no DESTDIR) by root refreshes the linker
+# cache and makes group lmx and /run/lmx at once, as the next boot would.
 PREFIX  ?= /usr/local
 DESTDIR ?=
 install: deps
 	@cmake -S . -B $(BUILD) -DCMAKE_INSTALL_PREFIX=$(PREFIX) >/dev/null
 	@cmake --build $(BUILD) -j$(JOBS)
 	@DESTDIR="$(DESTDIR)" cmake --install $(BUILD)
-	@if [ -z "$(DESTDIR)" ] && [ "$$(id -u)" -eq 0 ]; then ldconfig; fi
+	@if [ -z "$(DESTDIR)" ] && [ "$$(id -u)" -eq 0 ]; then \
+	    ldconfig && systemd-sysusers solicd.conf && systemd-tmpfiles --create solicd.conf; fi
 
-# The Debian package, built in its own tree for /usr without tests or benchmarks.
+# The Debian packages (debian/), built by dpkg-buildpackage from a copy of the tree in
+# $(PACKAGE_BUILD)/source; prints the paths of the .deb files. DEB_BUILD_OPTIONS=nocheck leaves
+# out the unit tests.
 PACKAGE_BUILD ?= build-package
 package: deps
-	@cmake -S . -B $(PACKAGE_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
-	    -DSOLICD_TESTS=OFF -DSOLICD_BENCH=OFF >/dev/null
-	@cmake --build $(PACKAGE_BUILD) -j$(JOBS)
-	@cd $(PACKAGE_BUILD) && cpack -G DEB >/dev/null
-	@ls $(PACKAGE_BUILD)/solicd_*.deb
+	@scripts/build-packages $(PACKAGE_BUILD)
 
 clean:
 	rm -rf build build-*

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "RaVectors.h"
@@ -50,6 +51,14 @@ public:
     uint64_t sent = 0;
 };
 
+// No service manager listens, as for a daemon started by hand.
+class NoServiceManager : public ServiceNotify {
+public:
+    bool isEnabled() const override { return false; }
+    void status(const std::string&) override {}
+    void ready(const std::string&) override {}
+};
+
 class BenchData : public SolApp::DataIf {
 public:
     BenchData() {
@@ -61,12 +70,14 @@ public:
     LmxMgr& getLmxMgr() override { return lmx; }
     CacheMgr& getCacheMgr() override { return cache; }
     PacketParser& getPacketParser() override { return parser; }
+    ServiceNotify& getServiceNotify() override { return notify; }
 
     ArgParser args;
     RaSocket socket;
     ConnectedClient lmx;
     CacheMgr cache;
     PacketParser parser;
+    NoServiceManager notify;
 };
 
 // Reference: the parse of the same RA into fresh record lists, as the handler does it.

@@ -488,6 +488,7 @@ uint32_t SocketMgr::initLocalIpv6AddrFromNetlink() {
         return 1;
     }
 
+    reportLinkLocalWait();
     alignas(struct nlmsghdr) uint8_t buffer[kNetlinkBufferSize];
     for (;;) {
         struct sockaddr_nl peer {};
@@ -519,6 +520,12 @@ uint32_t SocketMgr::initLocalIpv6AddrFromNetlink() {
     SOL_TRACE(INFO, kCategorySocket, kFn, "[%s] Received link-local address from kernel over netlink",
               getTraceTag());
     return 0;
+}
+
+void SocketMgr::reportLinkLocalWait() const {
+    if (m_linkLocalWaitHook) {
+        m_linkLocalWaitHook();
+    }
 }
 
 bool findLinkLocalInNetlink(const uint8_t* data, size_t length, const std::string& ifName,

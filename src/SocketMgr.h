@@ -9,6 +9,7 @@
 #include <glib.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -145,6 +146,9 @@ public:
     RsTimeout& getRsTimeout() { return m_rsTimeout; }
     // Where the first solicitation's random delay comes from; tests point it at a missing file.
     void setRandomSource(const std::string& path) { m_randomSource = path; }
+    // Called when init starts to wait for the kernel to give the interface a link-local address,
+    // a wait without a time limit that whoever supervises the daemon may want to report.
+    void setLinkLocalWaitHook(std::function<void()> hook) { m_linkLocalWaitHook = std::move(hook); }
 
 protected:
     // For test doubles standing in for init: takes over a socket that is already set up and the
@@ -152,6 +156,8 @@ protected:
     void adoptSocket(UniqueFd socket, const std::string& ns, const std::string& ifName);
     // init starts watching the links; a double that stands in for it may do the same.
     ArrivalNames& getArrivalNames() { return m_arrivalNames; }
+    // Runs the link-local wait hook, if one is set; a double that stands in for init may wait too.
+    void reportLinkLocalWait() const;
 
 private:
     RsTimeout m_rsTimeout;
@@ -165,6 +171,7 @@ private:
     UniqueFd m_netlink;
     std::string m_randomSource = "/dev/urandom";
     ArrivalNames m_arrivalNames;
+    std::function<void()> m_linkLocalWaitHook;
 };
 
 // Walks the route-netlink messages of one received datagram. True when one of them announces a

@@ -119,7 +119,8 @@ void cbGlibEvent(const gchar* domain, GLogLevelFlags level, const gchar* message
 
 // ---- Logic ----
 
-Logic::Logic(DataIf* data) : m_data(data) {
+Logic::Logic(DataIf* data)
+    : m_data(data), m_status(data->getServiceNotify(), [this] { return countEntriesInUse(); }) {
     if (s_instance != nullptr) {
         SOL_FATAL("Logic", "Runtime error, attempt to create  second instance of the SolApp::Logic");
     }
@@ -175,6 +176,13 @@ uint32_t Logic::init(int argc, char** argv) {
     m_data->getCacheMgr().setMaxCacheSizes(kMaxRouters, kMaxNetworks, kMaxDnsServers);
 
     SocketMgr& socket = m_data->getSocketMgr();
+    if (m_status.isEnabled()) {
+        if (!args.getNamespace().empty()) {
+            m_status.enteringNamespace(args.getNamespace());
+        }
+        socket.setLinkLocalWaitHook(
+            [this, ifName = args.getInterface()] { m_status.waitingForLinkLocal(ifName); });
+    }
     result = socket.init(args.getNamespace(), args.getInterface());
     if (result != 0) {
         return result;
@@ -195,6 +203,9 @@ uint32_t Logic::init(int argc, char** argv) {
     }
     result = addFdEvent(EVENT_SRC_TYPE_SOCKET, socket.getFd(), &cbRaSocketEvent);
     SOL_TRACE(INFO, "GENERAL", "init", "[%s] Solicd initialization finished", getTraceTag());
+    if (result == 0) {
+        m_status.ready(args.getMboxRemote());
+    }
     return result;
 }
 

@@ -15,6 +15,8 @@
 #include "CacheMgr.h"
 #include "LmxMgr.h"
 #include "PacketParser.h"
+#include "ServiceNotify.h"
+#include "ServiceStatus.h"
 #include "SocketMgr.h"
 #include "SolTimeout.h"
 
@@ -29,6 +31,7 @@ public:
     virtual LmxMgr& getLmxMgr() = 0;
     virtual CacheMgr& getCacheMgr() = 0;
     virtual PacketParser& getPacketParser() = 0;
+    virtual ServiceNotify& getServiceNotify() = 0;
 };
 
 // The daemon's managers, built in this order and destroyed in reverse.
@@ -44,6 +47,7 @@ public:
     LmxMgr& getLmxMgr() override { return m_lmxMgr; }
     CacheMgr& getCacheMgr() override { return m_cacheMgr; }
     PacketParser& getPacketParser() override { return m_packetParser; }
+    ServiceNotify& getServiceNotify() override { return m_serviceNotify; }
 
 private:
     ArgParser m_argParser;
@@ -51,6 +55,7 @@ private:
     LmxMgr m_lmxMgr;
     CacheMgr m_cacheMgr;
     PacketParser m_packetParser;
+    SystemdNotify m_serviceNotify;
 };
 
 enum EventSrcType : uint32_t {
@@ -136,6 +141,7 @@ public:
     void sendShowRainfoToLmxClient(const LmxMgr::Message& request);
 
     const std::map<EventSrcType, uint32_t>& getFdEvents() const { return m_fdEvents; }
+    const ServiceStatus& getServiceStatus() const { return m_status; }
     using Timeouts = std::map<std::string, CacheTimeout, std::less<>>;
     const Timeouts& getTimeouts() const { return m_timeouts; }
 
@@ -145,6 +151,8 @@ protected:
 
 private:
     uint32_t installSignalActions();
+    // The cache's entries in use, for the service manager's status line.
+    ServiceStatus::Counts countEntriesInUse();
     // The three kinds of cache-entry expiry differ in what the client is told.
     void handleRouterExpiry(const std::string& name);
     void handleNetworkExpiry(const std::string& name);
@@ -174,6 +182,7 @@ private:
     std::map<EventSrcType, uint32_t> m_fdEvents;
     Timeouts m_timeouts;
     RaBuffers m_ra;
+    ServiceStatus m_status;
 };
 
 }  // namespace solicd::SolApp

@@ -197,10 +197,14 @@ void Logic::handleRaSocketEvent() {
             "[%s] Updated %zu objects in RA cache. Solicd client is not connected, no notification will "
             "be sent",
             getTraceTag(), count);
-        return;
+    } else {
+        for (size_t i = 0; i < count; ++i) {
+            notifyOrRestart(lmx, "handleRaSocketEvent", notifications[i]);
+        }
     }
-    for (size_t i = 0; i < count; ++i) {
-        notifyOrRestart(lmx, "handleRaSocketEvent", notifications[i]);
+    // Without a client to wait for, the status shows the counts all the same.
+    if (count != 0) {
+        m_status.cacheChanged();
     }
 }
 
@@ -220,6 +224,7 @@ void Logic::handleCacheExpiredEvent(uint32_t type, const std::string& name) {
         default:
             break;
     }
+    m_status.cacheChanged();
 }
 
 void Logic::handleRouterExpiry(const std::string& name) {
@@ -308,6 +313,13 @@ bool Logic::readyForLmxNotify(bool dataUpdated) {
     return ready;
 }
 
+ServiceStatus::Counts Logic::countEntriesInUse() {
+    CacheMgr& cache = m_data->getCacheMgr();
+    return {listOf(cache, &CacheMgr::getActiveRouters).size(),
+            listOf(cache, &CacheMgr::getActiveNetworks).size(),
+            listOf(cache, &CacheMgr::getActiveDnsServers).size()};
+}
+
 // ---- Client messages ----
 
 void Logic::handleLmxEvent() {
@@ -333,6 +345,9 @@ void Logic::handleLmxEvent() {
         SOL_TRACE(LAB, "GENERAL", "handleLmxEvent", "[%s] Client established connection, sending RA cache",
                   getTraceTag());
         sendRaCacheToLmxClient();
+        m_status.clientConnected();
+    } else if (stateBefore == LmxMgr::DST_MBOX_STATE_CONNECTED && stateAfter != stateBefore) {
+        m_status.clientLost();
     }
 
     switch (rxType) {

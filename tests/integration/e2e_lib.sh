@@ -158,6 +158,16 @@ start_watch()
     fail "the client mailbox $CLIENT_MBOX did not appear"
 }
 
+# wait_socket PATH SECONDS: until the socket file PATH exists.
+wait_socket()
+{
+    local deadline=$((SECONDS + $2))
+    until [ -S "$1" ]; do
+        [ $SECONDS -lt $deadline ] || fail "no socket $1 after $2 s"
+        sleep 0.1
+    done
+}
+
 # line_count FILE
 line_count() { wc -l <"$1"; }
 

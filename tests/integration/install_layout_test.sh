@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # `make install DESTDIR=... PREFIX=...` lays out exactly the listed files with their sonames, the
-# tmpfiles entry makes /run/lmx with mode 0770, and a client builds and runs against the staged
-# headers and libraries through `pkg-config --cflags --libs soltypes lmx`.
+# sysusers and tmpfiles entries make group lmx and /run/lmx root:lmx with mode 2770, and a client
+# builds and runs against the staged headers and libraries through
+# `pkg-config --cflags --libs soltypes lmx`.
 source "$(dirname "$0")/packaging_lib.sh"
-need_tools make pkg-config readelf g++ systemd-tmpfiles
+need_tools make pkg-config readelf g++ systemd-tmpfiles systemd-sysusers
 
 root=$work/root
 # The build's own prefix, so that the install step does not reconfigure it.
@@ -18,10 +19,16 @@ check_elf "$root"
 grep -qx "ExecStart=$prefix/sbin/solicd .*" "$root$prefix/lib/systemd/system/solicd@.service" ||
     fail "the unit's ExecStart does not name $prefix/sbin/solicd"
 
-# tmpfiles.d reads the prefix's directory; --root applies the entry inside the staged tree.
+# sysusers.d and tmpfiles.d read the prefix's directories; --root applies them inside the staged
+# tree: the group first (in the tree's own /etc/group), then the directory of that group.
+mkdir -p "$root/etc"
+systemd-sysusers --root="$root" solicd.conf >"$work/sysusers.log" 2>&1 ||
+    { cat "$work/sysusers.log"; fail "systemd-sysusers rejected solicd.conf"; }
+gid=$(awk -F: '$1 == "lmx" { print $3 }' "$root/etc/group")
+[ -n "$gid" ] || fail "sysusers made no group lmx: $(cat "$root/etc/group")"
 systemd-tmpfiles --root="$root" --create solicd.conf || fail "systemd-tmpfiles rejected solicd.conf"
-[ "$(stat -c '%a %U %G %F' "$root/run/lmx")" = "770 root root directory" ] ||
-    fail "/run/lmx is $(stat -c '%a %U %G %F' "$root/run/lmx"), expected mode 770, root:root"
+[ "$(stat -c '%a %u %g %F' "$root/run/lmx")" = "2770 0 $gid directory" ] ||
+    fail "/run/lmx is $(stat -c '%a %u %g %F' "$root/run/lmx"), expected mode 2770, root and group lmx ($gid)"
 
 # A client of the staged headers, through the .pc files relocated to the staging prefix.
 modules=(soltypes lmx)

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# solicd(8) and solicctl(1) render without a warning, have their sections, and name every option
-# and command the programs themselves list in --help.
+# solicd(8), solicctl(1), solicd-check-config(8) and solicd-trace(1) render without a warning,
+# have their sections, and name every option and command the programs themselves list in --help.
 source "$(dirname "$0")/packaging_lib.sh"
 need_tools man
 
@@ -30,7 +30,10 @@ check_page solicd.8 NAME SYNOPSIS DESCRIPTION OPTIONS SIGNALS "EXIT STATUS" ENVI
     "-d, --destination=MBOX_REMOTE" "-v, --verbose" "-h, --help" \
     "solicd: restart requested at FILE:LINE: TEXT" "status 70" "SIGINT, SIGTERM" \
     "SIGHUP, SIGQUIT" SIGPIPE LMX_DIR /run/lmx /var/run/netns/NAME /etc/solicd/NAME.conf \
-    "systemctl enable --now solicd@NAME" com_orvane_kt_solicd solicd-trace
+    "systemctl enable --now solicd@NAME" com_orvane_kt_solicd solicd-trace NOTIFY_SOCKET \
+    "Type=notify" "Entering network namespace NAMESPACE" "Waiting for a link-local address on IF" \
+    "Waiting for the client mailbox MBOX_REMOTE" "Running: N routers, M prefixes, K DNS servers" \
+    "solicd-check-config(8)" "exec-condition" "RestartSteps=" "solicd.target" "group lmx" "2770"
 check_page solicctl.1 NAME SYNOPSIS DESCRIPTION COMMANDS OPTIONS "EXIT STATUS" ENVIRONMENT \
     FILES EXAMPLES "SEE ALSO" \
     "solicctl [--dir DIR] ls" "solicctl [--dir DIR] show MBOX" \
@@ -39,6 +42,12 @@ check_page solicctl.1 NAME SYNOPSIS DESCRIPTION COMMANDS OPTIONS "EXIT STATUS" E
     "--dir DIR" --json "--count N" "--timeout SEC" "-h, --help" LMX_DIR /run/lmx \
     "request failed or timed out" "Usage error" router_updated network_updated \
     dns_servers_updated
+
+check_page solicd-check-config.8 NAME SYNOPSIS DESCRIPTION CHECKS "EXIT STATUS" EXAMPLES "SEE ALSO" \
+    ExecCondition= NAMESPACE INTERFACE SOURCE DESTINATION "solicd-check-config: FILE:LINE:" \
+    "'exec-condition'"
+check_page solicd-trace.1 NAME SYNOPSIS DESCRIPTION OPTIONS "EXIT STATUS" ENVIRONMENT EXAMPLES \
+    "SEE ALSO" com_orvane_kt_solicd "--events LIST" "--filter EXPR" "-h, --help" INFO ERROR EXCEPTION LAB
 
 # Whatever the programs offer must be documented: every long option of their help texts.
 documents_help_of() {
@@ -53,7 +62,10 @@ documents_help_of() {
 }
 documents_help_of solicd.8 "$SOLICD_BUILD/bin/solicd" --help
 documents_help_of solicctl.1 "$SOLICD_BUILD/bin/solicctl" --help
+documents_help_of solicd-check-config.8 "$SOLICD_BUILD/bin/solicd-check-config" --help
+documents_help_of solicd-trace.1 "$SOLICD_SRC/scripts/solicd-trace" --help
 for command in ls show routers watch; do
     documents_help_of solicctl.1 "$SOLICD_BUILD/bin/solicctl" "$command" --help
 done
-echo "PASS: solicd(8) and solicctl(1) render cleanly and cover every option"
+echo "PASS: solicd(8), solicctl(1), solicd-check-config(8) and solicd-trace(1) render cleanly and" \
+    "cover every option"

@@ -43,6 +43,7 @@ expected_install_files() {
     local lib
     {
         echo sbin/solicd
+        echo sbin/solicd-check-config
         echo bin/solicctl
         echo bin/solicd-trace
         for lib in soltypes restart solicd-tp lmx; do
@@ -57,11 +58,16 @@ expected_install_files() {
         echo "$libdir/pkgconfig/soltypes.pc"
         echo "$libdir/pkgconfig/lmx.pc"
         echo share/man/man8/solicd.8.gz
+        echo share/man/man8/solicd-check-config.8.gz
         echo share/man/man1/solicctl.1.gz
+        echo share/man/man1/solicd-trace.1.gz
         echo lib/systemd/system/solicd@.service
+        echo lib/systemd/system/solicd.target
         echo lib/tmpfiles.d/solicd.conf
+        echo lib/sysusers.d/solicd.conf
         echo share/doc/solicd/instance.conf.example
         echo share/doc/solicd/operation.md
+        echo share/doc/solicd/operator-guide.md
         echo share/doc/solicd/tracing.md
         echo share/doc/solicd/client-protocol.md
     } | LC_ALL=C sort

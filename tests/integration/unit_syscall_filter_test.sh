@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Every system call solicd makes, its LTTng-UST threads included, is one that solicd@.service's
 # SystemCallFilter allows, and every socket it opens is of a family RestrictAddressFamilies
-# allows. Recorded with strace over start-up, tracing to a session, solicitations, an RA,
-# a show-cache request, SIGHUP and SIGTERM.
+# allows. Recorded with strace over start-up, tracing to a session, the notifications to a
+# service manager (a socket of the test's own), solicitations, an RA, a show-cache request,
+# SIGHUP and SIGTERM.
 source "$(dirname "$0")/tracing_lib.sh"
 source "$(dirname "$0")/packaging_lib.sh"
 need_root "trace a daemon in network namespaces"
@@ -21,11 +22,16 @@ peer=sp$run
 mbox=solicd-$run
 strace_pid=""
 daemon_pid=""
+listener_pid=""
 cleanup() {
     set +e
     if [ -n "$strace_pid" ]; then
         kill -KILL "$daemon_pid" "$strace_pid"
         wait "$strace_pid"
+    fi 2>/dev/null
+    if [ -n "$listener_pid" ]; then
+        kill "$listener_pid"
+        wait "$listener_pid"
     fi 2>/dev/null
     stop_session_daemon
     ip netns del "$ns" 2>/dev/null
@@ -69,7 +75,10 @@ lttng create "filter-$run" --output="$work/trace" >/dev/null
 lttng enable-event --userspace 'com_orvane_kt_solicd:*' --session="filter-$run" >/dev/null
 lttng start "filter-$run" >/dev/null
 
-LMX_DIR=$work/lmx LTTNG_UST_REGISTER_TIMEOUT=20000 strace -f -qq -o "$work/strace.txt" \
+"$SOLICD_BUILD/bin/notify_listener" "$work/notify" >"$work/notify.out" 2>"$work/notify.err" &
+listener_pid=$!
+for _ in $(seq 1 50); do [ -S "$work/notify" ] && break; sleep 0.1; done
+NOTIFY_SOCKET=$work/notify LMX_DIR=$work/lmx LTTNG_UST_REGISTER_TIMEOUT=20000 strace -f -qq -o "$work/strace.txt" \
     "$daemon" -n "$ns" -i "$ifname" -s "$mbox" -d "client-$run" >"$work/daemon.out" 2>"$work/daemon.err" &
 strace_pid=$!
 deadline=$((SECONDS + 20))
@@ -91,6 +100,7 @@ wait "$strace_pid" || status=$?
 strace_pid=""
 [ "$status" -eq 0 ] || fail "solicd under strace ended with $status: $(cat "$work/daemon.err")"
 lttng destroy "filter-$run" >/dev/null
+grep -qx READY=1 "$work/notify.out" || fail "solicd under strace told the service manager nothing: $(cat "$work/notify.out")"
 
 # System calls by name; strace writes "PID name(" and "PID <... name resumed>".
 sed -nE 's/^[0-9]+ +(<\.\.\. )?([a-z0-9_]+)(\(| resumed>).*/\2/p' "$work/strace.txt" | sort -u >"$work/used"

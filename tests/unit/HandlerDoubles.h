@@ -173,6 +173,7 @@ public:
     LmxMgr& getLmxMgr() override { return lmx; }
     CacheMgr& getCacheMgr() override { return cache; }
     PacketParser& getPacketParser() override { return parser; }
+    ServiceNotify& getServiceNotify() override { return notify; }
 
     // The next datagram the socket receives.
     void queueRa(std::vector<uint8_t> bytes, std::string source = "fe80::1") {
@@ -186,6 +187,7 @@ public:
 
     TestPipe socketPipe;
     TestPipe lmxPipe;
+    RecordingNotify notify;
     time_t now = kHandlerT0;
     bool realClock = false;
     uint32_t lmxState = LmxMgr::DST_MBOX_STATE_CONNECTED;

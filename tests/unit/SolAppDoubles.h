@@ -26,6 +26,7 @@ public:
     MOCK_METHOD(uint32_t, init, (const std::string& ns, const std::string& ifName), (override));
     MOCK_METHOD(uint32_t, receive, (Message & message), (override));
     MOCK_METHOD(int, getFd, (), (const, override));
+    using SocketMgr::reportLinkLocalWait;
 };
 
 class MockLmxMgr : public LmxMgr {
@@ -48,6 +49,21 @@ public:
                 (bool* changed, uint32_t* timeout, const std::string& name, NetworkKind kind), (override));
     MOCK_METHOD(DnsServerEntry*, notifyTimeoutExpiresAndGetEntry,
                 (bool* changed, uint32_t* timeout, const std::string& name, DnsServerKind kind), (override));
+};
+
+// A service manager that keeps every notification, one string per line of it ("READY=1",
+// "STATUS=..."), in order. It listens only when a test turns it on.
+class RecordingNotify : public ServiceNotify {
+public:
+    bool isEnabled() const override { return enabled; }
+    void status(const std::string& text) override { lines.push_back("STATUS=" + text); }
+    void ready(const std::string& text) override {
+        lines.push_back("READY=1");
+        lines.push_back("STATUS=" + text);
+    }
+
+    bool enabled = false;
+    std::vector<std::string> lines;
 };
 
 // A pipe whose read end stands in for a descriptor the loop watches.
@@ -82,9 +98,11 @@ public:
     LmxMgr& getLmxMgr() override { return lmx; }
     CacheMgr& getCacheMgr() override { return cache; }
     PacketParser& getPacketParser() override { return parser; }
+    ServiceNotify& getServiceNotify() override { return notify; }
 
     TestPipe socketPipe;
     TestPipe lmxPipe;
+    RecordingNotify notify;
     ArgParser args;
     ::testing::NiceMock<MockSocketMgr> socket;
     ::testing::NiceMock<MockLmxMgr> lmx;

@@ -7,10 +7,12 @@
 #include <string>
 #include <vector>
 
+#include "StderrCapture.h"
 #include "TraceCapture.h"
 #include "TraceLog.h"
 
 using namespace solicd;
+using solicd::test::StderrCapture;
 using solicd::test::TraceCapture;
 
 namespace {
@@ -24,46 +26,6 @@ struct Poison {
     static int touched;
 };
 int Poison::touched = 0;
-
-// Standard error goes to a file while it lives; text() is what was written.
-class StderrCapture {
-public:
-    StderrCapture() : m_file(std::tmpfile()), m_saved(dup(STDERR_FILENO)) {
-        std::fflush(stderr);
-        dup2(fileno(m_file), STDERR_FILENO);
-    }
-    ~StderrCapture() {
-        restore();
-        std::fclose(m_file);
-    }
-    StderrCapture(const StderrCapture&) = delete;
-    StderrCapture& operator=(const StderrCapture&) = delete;
-
-    std::string text() {
-        restore();
-        std::string out;
-        std::rewind(m_file);
-        char chunk[512];
-        size_t n;
-        while ((n = std::fread(chunk, 1, sizeof chunk, m_file)) > 0) {
-            out.append(chunk, n);
-        }
-        return out;
-    }
-
-private:
-    void restore() {
-        if (m_saved >= 0) {
-            std::fflush(stderr);
-            dup2(m_saved, STDERR_FILENO);
-            close(m_saved);
-            m_saved = -1;
-        }
-    }
-
-    FILE* m_file;
-    int m_saved;
-};
 
 // The state word a tracing session sets when it enables an event, set here by hand.
 class SessionEnablesLab {

@@ -2,6 +2,7 @@
 // its cache dump, or acts as its client and prints every update.
 #include <dirent.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -87,6 +88,14 @@ int runRequest(const Options& o, uint32_t requestNo, uint32_t answerNo) {
         const std::string why = found != 0 ? std::strerror(errno) : "not a directory";
         return fail("no mailbox directory " + o.dir + " (" + why +
                     "); check --dir (or LMX_DIR) and that solicd runs");
+    }
+    // The service cannot tell a mailbox it may not use from one that is not there: a directory
+    // this user may not enter and write in is named as what it is.
+    if (access(o.dir.c_str(), W_OK | X_OK) != 0 && errno == EACCES) {
+        const struct group* group = getgrgid(st.st_gid);
+        const std::string name = group != nullptr ? group->gr_name : std::to_string(st.st_gid);
+        return fail("permission denied: you may not use the mailboxes in " + o.dir + "; join group " + name +
+                    " (then log in again) or run as root");
     }
     const TerminationSignals signals;
     LmxSession session;
