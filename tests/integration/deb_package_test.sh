@@ -247,12 +247,9 @@ kill -TERM "$daemon_pid"
 status=0
 wait "$daemon_pid" || status=$?
 [ "$status" -eq 0 ] || fail "SIGTERM ended solicd with $status: $(cat "$work/daemon.err")"
-# Nothing on stderr (ERROR and EXCEPTION are mirrored there) but what the operator's guide calls
-# harmless: an empty receive when the mailbox service woke the descriptor for its own work, as
-# each solicctl connecting and leaving may make it do.
-unexpected=$(grep -v "^EXCEPTION GENERAL LmxMgr.cpp:[0-9]* receive(): \[$daemon_mbox\] Empty message received on $daemon_mbox, errno: 11(Resource temporarily unavailable)\$" \
-    "$work/daemon.err" || true)
-[ -z "$unexpected" ] || fail "solicd wrote to stderr: $unexpected"
+# Nothing on stderr: ERROR and EXCEPTION are mirrored there, and ordinary mailbox traffic (the
+# solicctl requests above) raises neither.
+[ ! -s "$work/daemon.err" ] || fail "solicd wrote to stderr: $(cat "$work/daemon.err")"
 
 # An invalid instance: the check names each mistake and fails, so systemd never runs ExecStart.
 printf 'INTERFACE=enp0s31f6-uplink\nDESTINATON=%s\n' "$client_mbox" >"/etc/solicd/$broken.conf"
