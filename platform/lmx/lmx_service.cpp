@@ -7,6 +7,7 @@
 #include <sys/inotify.h>
 #include <sys/random.h>
 #include <sys/socket.h>
+#include <sys/timerfd.h>
 #include <sys/un.h>
 
 #include <signal.h>
@@ -36,6 +37,10 @@ constexpr int kSendBuffer = 256 * 1024;
 constexpr int kInstallAttempts = 3;
 constexpr uint64_t kDirectoryToken = 1;
 constexpr uint64_t kWakeToken = 2;
+constexpr uint64_t kDeathTimerToken = 3;
+// How often a dying owner's listening socket is tried, and for how long at most.
+constexpr long kDeathCheckNs = 1000000;
+constexpr std::chrono::milliseconds kDeathCheckLimit{1000};
 constexpr size_t kNotifyBufferSize = 4096;
 
 // A socket address that reaches `rest` through the descriptor `fd`; mailbox paths can be longer
@@ -124,17 +129,18 @@ struct Service::Outbound : Channel {
 
 // A connection whose only purpose is to end when the peer mailbox does.
 struct Service::MonitorLink : Channel {
-    MonitorLink(Fd fd, lmx_mbox_id_t target, uint32_t monitorId)
-        : Channel(Kind::Monitor, std::move(fd)), m_target(target), m_monitorId(monitorId) {}
+    MonitorLink(Fd fd, lmx_mbox_id_t target, uint32_t monitorId, FileId file)
+        : Channel(Kind::Monitor, std::move(fd)), m_target(target), m_monitorId(monitorId), m_file(file) {}
     const lmx_mbox_id_t m_target;
     const uint32_t m_monitorId;
+    const FileId m_file;  // the target's socket file when the monitor began
 };
 
 // ---------------------------------------------------------------------------------------------
 // Start and end
 
 Service::Service(unsigned mailboxes)
-    : m_mailboxLimit(mailboxes), m_nextToken(kWakeToken + 1), m_packet(kMaxPacketSize) {}
+    : m_mailboxLimit(mailboxes), m_nextToken(kDeathTimerToken + 1), m_packet(kMaxPacketSize) {}
 
 std::unique_ptr<Service> Service::start(unsigned mailboxes) {
     std::unique_ptr<Service> service(new Service(mailboxes));
@@ -168,11 +174,13 @@ int Service::setUp() {
         !opened(m_inner, ::epoll_create1(EPOLL_CLOEXEC)) ||
         !opened(m_event, ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) ||
         !opened(m_wake, ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) ||
+        !opened(m_deathTimer, ::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)) ||
         !opened(m_notify, ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) ||
         !opened(m_reserve, ::open("/dev/null", O_RDONLY | O_CLOEXEC))) {
         return errno;
     }
-    for (const auto& [fd, token] : {std::pair{&m_notify, kDirectoryToken}, std::pair{&m_wake, kWakeToken}}) {
+    for (const auto& [fd, token] : {std::pair{&m_notify, kDirectoryToken}, std::pair{&m_wake, kWakeToken},
+                                    std::pair{&m_deathTimer, kDeathTimerToken}}) {
         epoll_event ev{};
         ev.events = EPOLLIN;
         ev.data.u64 = token;
@@ -471,6 +479,12 @@ void Service::dispatch(const epoll_event& event) {
     if (token == kWakeToken) {
         return;  // the flag it stands for is read under the lock
     }
+    if (token == kDeathTimerToken) {
+        uint64_t expirations = 0;
+        [[maybe_unused]] const ssize_t n = ::read(m_deathTimer.get(), &expirations, sizeof expirations);
+        answerDeathsDue();
+        return;
+    }
     const auto it = m_channels.find(token);
     if (it == m_channels.end()) {
         return;  // dropped earlier in this batch
@@ -495,7 +509,7 @@ void Service::dispatch(const epoll_event& event) {
             break;
         case Channel::Kind::Monitor: {
             const auto& link = static_cast<MonitorLink&>(channel);
-            deliverAnswer(LMX_MONITOR_DEFAULT_NO, link.m_target, link.m_monitorId);
+            answerDeath(link.m_monitorId, link.m_target, link.m_file);
             keep = false;
             break;
         }
@@ -846,7 +860,8 @@ uint32_t Service::monitor(lmx_mbox_id_t id, const void* data) {
     }
     const uint32_t monitorId = ++m_lastMonitorId;
     Fd sock;
-    const int err = connectMailbox(*target, sock);
+    struct stat file {};
+    const int err = connectMailbox(*target, sock, &file);
     if (err == ENOENT || err == ECONNREFUSED || err == ENOTSOCK) {
         deliverAnswer(LMX_MONITOR_DEFAULT_NO, id, monitorId);  // already gone
         return monitorId;
@@ -858,7 +873,8 @@ uint32_t Service::monitor(lmx_mbox_id_t id, const void* data) {
     // If the peer dies before the hello gets there, the link still ends and reports it.
     const Hello hello = encodeHello(LinkKind::Monitor, {});
     sendWhole(sock.get(), hello.bytes.data(), hello.size);
-    const Token token = addChannel(std::make_unique<MonitorLink>(std::move(sock), id, monitorId), EPOLLIN);
+    const Token token =
+        addChannel(std::make_unique<MonitorLink>(std::move(sock), id, monitorId, fileId(file)), EPOLLIN);
     if (token == 0) {
         return 0;
     }
@@ -875,8 +891,50 @@ int Service::unmonitor(uint32_t monitorId) {
     if (const auto it = m_monitors.find(monitorId); it != m_monitors.end()) {
         drop(it->second);
     }
+    std::erase_if(m_pendingDeaths, [monitorId](const PendingDeath& d) { return d.monitorId == monitorId; });
+    armDeathTimer(!m_pendingDeaths.empty());
     withdrawAnswers(monitorId);
     return 0;
+}
+
+bool Service::stillListens(std::string_view name, const FileId& file) const {
+    Fd sock;
+    struct stat now {};
+    const int err = connectMailbox(name, sock, &now);
+    return (err == 0 || err == EAGAIN) && fileId(now) == file;
+}
+
+void Service::answerDeath(uint32_t monitorId, lmx_mbox_id_t target, const FileId& file) {
+    const std::string* name = m_names.find(target);
+    if (name == nullptr || !stillListens(*name, file)) {
+        deliverAnswer(LMX_MONITOR_DEFAULT_NO, target, monitorId);
+        return;
+    }
+    m_pendingDeaths.push_back(
+        {monitorId, target, *name, file, std::chrono::steady_clock::now() + kDeathCheckLimit});
+    armDeathTimer(true);
+}
+
+void Service::answerDeathsDue() {
+    const auto now = std::chrono::steady_clock::now();
+    std::erase_if(m_pendingDeaths, [&](const PendingDeath& d) {
+        // Past the limit the name's socket file is someone else's that happens to look alike.
+        if (now < d.giveUp && stillListens(d.name, d.file)) {
+            return false;
+        }
+        deliverAnswer(LMX_MONITOR_DEFAULT_NO, d.target, d.monitorId);
+        return true;
+    });
+    armDeathTimer(!m_pendingDeaths.empty());
+}
+
+void Service::armDeathTimer(bool on) {
+    itimerspec spec{};
+    if (on) {
+        spec.it_value.tv_nsec = kDeathCheckNs;
+        spec.it_interval.tv_nsec = kDeathCheckNs;
+    }
+    ::timerfd_settime(m_deathTimer.get(), 0, &spec, nullptr);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -13,6 +13,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -120,6 +121,33 @@ private:
     // not a socket). `file` receives the socket file's identity.
     int connectMailbox(std::string_view name, Fd& sock, struct stat* file = nullptr) const;
     bool isLive(std::string_view name) const;
+    // A socket file, told apart from a later one of the same name.
+    struct FileId {
+        dev_t dev = 0;
+        ino_t ino = 0;
+        timespec ctime{};
+        bool operator==(const FileId& o) const {
+            return dev == o.dev && ino == o.ino && ctime.tv_sec == o.ctime.tv_sec &&
+                   ctime.tv_nsec == o.ctime.tv_nsec;
+        }
+    };
+    static FileId fileId(const struct stat& st) { return FileId{st.st_dev, st.st_ino, st.st_ctim}; }
+    // Whether the mailbox `name` still takes connections on the socket file `file`.
+    bool stillListens(std::string_view name, const FileId& file) const;
+
+    // A monitored mailbox's link closes while its dying owner's other descriptors, its listening
+    // socket among them, are still being closed: the answer waits until that socket refuses (or
+    // the name has another file), so that whoever reads it never finds the dead mailbox again.
+    struct PendingDeath {
+        uint32_t monitorId;
+        lmx_mbox_id_t target;
+        std::string name;
+        FileId file;
+        std::chrono::steady_clock::time_point giveUp;
+    };
+    void answerDeath(uint32_t monitorId, lmx_mbox_id_t target, const FileId& file);
+    void answerDeathsDue();
+    void armDeathTimer(bool on);
     int install(const std::string& tmp, const std::string& name) const;
     void removeIfSame(const std::string& name, dev_t dev, ino_t ino) const;
 
@@ -172,6 +200,8 @@ private:
     std::map<uint32_t, Token> m_monitors;
     uint32_t m_lastMonitorId = 0;
     std::map<std::string, unsigned> m_pendingLocates;  // name -> requests waiting for it
+    std::vector<PendingDeath> m_pendingDeaths;
+    Fd m_deathTimer;  // runs while m_pendingDeaths is not empty
     std::deque<MessagePtr> m_inbox;
     size_t m_inboxBytes = 0;
     std::vector<Token> m_paused;    // inbound connections waiting for room in the inbox

@@ -769,6 +769,93 @@ TEST_F(LmxServiceTest, DescriptorBecomesReadableForALocateAnswerAndForAMonitorAn
     EXPECT_FALSE(readable(lmx_get_fd(), kQuietMs));
 }
 
+// A listening socket file at `path`, put in place as mailboxes appear (listening under another
+// name, then renamed), as a mailbox's owner has it; -1 on failure.
+int rawListener(const std::string& path) {
+    const std::string hidden = path + ".new";
+    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, hidden.c_str(), sizeof addr.sun_path - 1);
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0 || ::listen(fd, 8) != 0 ||
+        ::rename(hidden.c_str(), path.c_str()) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// A mailbox's owner as a raw listening socket, monitored by this process; its monitor link
+// closed as a dying process's descriptors close one by one, the listening socket still open.
+class DyingOwner {
+public:
+    explicit DyingOwner(const std::string& path) : m_listener(rawListener(path)) {}
+    ~DyingOwner() { closeListener(); }
+    DyingOwner(const DyingOwner&) = delete;
+    DyingOwner& operator=(const DyingOwner&) = delete;
+
+    bool listening() const { return m_listener >= 0; }
+    // The connections waiting, the locate's probes and the monitor link among them, closed.
+    void closeLinks() {
+        ::fcntl(m_listener, F_SETFL, O_NONBLOCK);
+        for (int conn; (conn = ::accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+            ::close(conn);
+        }
+    }
+    void closeListener() {
+        if (m_listener >= 0) {
+            ::close(m_listener);
+            m_listener = -1;
+        }
+    }
+
+private:
+    int m_listener;
+};
+
+TEST_F(LmxServiceTest, DeathIsAnsweredOnceTheDyingOwnerNoLongerListensAndIsNotFoundAgain) {
+    startAsMe();
+    const std::string path = m_dir + "/dying";
+    DyingOwner owner(path);
+    ASSERT_TRUE(owner.listening());
+    const lmx_mbox_id_t dying = lmx_locate("dying");
+    ASSERT_NE(dying, LMX_INVALID_ID);
+    ASSERT_NE(lmx_monitor(dying, nullptr), 0u);
+    owner.closeLinks();
+    EXPECT_FALSE(readable(lmx_get_fd(), kQuietMs)) << "answered while the owner still listens";
+
+    owner.closeListener();
+    LmxMessage gone = receiveWithinGuard();
+    ASSERT_NE(gone, nullptr);
+    EXPECT_EQ(lmx_msgno(gone.get()), LMX_MONITOR_DEFAULT_NO);
+    EXPECT_EQ(lmx_sender(gone.get()), dying);
+    // Whoever reads the answer and looks again does not find the dead mailbox...
+    EXPECT_EQ(lmx_locate("dying"), LMX_INVALID_ID);
+    ASSERT_EQ(lmx_locate_async("dying", nullptr, LMX_LOCATE_SENDER), 0);
+    EXPECT_FALSE(readable(lmx_get_fd(), kQuietMs));
+    // ... but its successor under the same name.
+    ::unlink(path.c_str());
+    DyingOwner successor(path);
+    ASSERT_TRUE(successor.listening());
+    LmxMessage located = receiveWithinGuard();
+    ASSERT_NE(located, nullptr);
+    EXPECT_EQ(lmx_msgno(located.get()), LMX_LOCATE_DEFAULT_NO);
+    EXPECT_EQ(lmx_locate("dying"), dying);
+}
+
+TEST_F(LmxServiceTest, DeathIsAnsweredWithinASecondEvenWhileTheNameStillListens) {
+    startAsMe();
+    DyingOwner owner(m_dir + "/lingering");
+    ASSERT_TRUE(owner.listening());
+    ASSERT_NE(lmx_monitor(lmx_locate("lingering"), nullptr), 0u);
+    owner.closeLinks();
+    const auto start = std::chrono::steady_clock::now();
+    LmxMessage gone = receiveWithinGuard();
+    ASSERT_NE(gone, nullptr);
+    EXPECT_EQ(lmx_msgno(gone.get()), LMX_MONITOR_DEFAULT_NO);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+}
+
 TEST_F(LmxServiceTest, PeerFloodingAnApplicationThatDoesNotReadStopsAtTheInboxBound) {
     startAsMe();
     const int raw = rawConnect(path(kMe));
