@@ -132,13 +132,13 @@ expect_contents() {
 expect_contents solicd usr/sbin/solicd usr/sbin/solicd-check-config usr/bin/solicctl usr/bin/solicd-trace \
     lib/systemd/system/solicd@.service lib/systemd/system/solicd.target usr/lib/tmpfiles.d/solicd.conf \
     usr/lib/sysusers.d/solicd.conf usr/share/man/man8/solicd.8.gz usr/share/man/man8/solicd-check-config.8.gz \
-    usr/share/man/man1/solicctl.1.gz usr/share/man/man1/solicd-trace.1.gz \
+    usr/share/man/man1/solicctl.1.gz usr/share/man/man1/solicd-trace.1.gz usr/share/bash-completion/completions/solicctl \
     usr/share/doc/solicd/operator-guide.md usr/share/doc/solicd/client-protocol.md \
     usr/share/doc/solicd/operation.md usr/share/doc/solicd/tracing.md usr/share/doc/solicd/instance.conf.example
 for lib in lmx restart soltypes solicd-tp; do
     expect_contents "lib${lib}0" "usr/lib/$multiarch/lib$lib.so.0" "$(lib_file "$lib")"
 done
-expect_contents solicd-dev usr/include/solicd/SolTypes.h usr/include/solicd/SolIf.h usr/include/solicd/lmx.h \
+expect_contents solicd-dev usr/include/solicd/SolTypes.h usr/include/solicd/SolTypesParse.h usr/include/solicd/SolIf.h usr/include/solicd/lmx.h \
     usr/include/solicd/orv_restart.h usr/lib/"$multiarch"/pkgconfig/soltypes.pc usr/lib/"$multiarch"/pkgconfig/lmx.pc \
     usr/lib/"$multiarch"/liblmx.so usr/lib/"$multiarch"/librestart.so usr/lib/"$multiarch"/libsoltypes.so \
     usr/lib/"$multiarch"/libsolicd-tp.so

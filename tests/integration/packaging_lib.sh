@@ -52,6 +52,7 @@ expected_install_files() {
             echo "$libdir/lib$lib.so.$version"
         done
         echo include/solicd/SolTypes.h
+        echo include/solicd/SolTypesParse.h
         echo include/solicd/SolIf.h
         echo include/solicd/lmx.h
         echo include/solicd/orv_restart.h
@@ -61,6 +62,7 @@ expected_install_files() {
         echo share/man/man8/solicd-check-config.8.gz
         echo share/man/man1/solicctl.1.gz
         echo share/man/man1/solicd-trace.1.gz
+        echo share/bash-completion/completions/solicctl
         echo lib/systemd/system/solicd@.service
         echo lib/systemd/system/solicd.target
         echo lib/tmpfiles.d/solicd.conf
