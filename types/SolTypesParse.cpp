@@ -61,7 +61,8 @@ public:
         }
         size_t at = m_pos;
         uint32_t value = 0;
-        while (at < m_text.size() && std::strchr("0123456789abcdef", m_text[at]) != nullptr && m_text[at] != 0) {
+        while (at < m_text.size() && std::strchr("0123456789abcdef", m_text[at]) != nullptr &&
+               m_text[at] != 0) {
             if (value > (std::numeric_limits<uint32_t>::max() >> 4)) {
                 return fail("flags out of range");
             }
@@ -139,14 +140,15 @@ bool field(Cursor& c, const char* name, T& out, bool first = false) {
 
 template <class State, class S>
 bool commonStatus(Cursor& c, S& s) {
-    return c.literal("{") && field(c, "id", s.id, true) && c.literal(", state: ") && c.state<State>(s.state) &&
-           field(c, "createdTime", s.createdTime) && field(c, "lastUpdateTime", s.lastUpdateTime) &&
+    return c.literal("{") && field(c, "id", s.id, true) && c.literal(", state: ") &&
+           c.state<State>(s.state) && field(c, "createdTime", s.createdTime) &&
+           field(c, "lastUpdateTime", s.lastUpdateTime) &&
            field(c, "lastStateChangeTime", s.lastStateChangeTime) &&
            field(c, "lastConfigChangeTime", s.lastConfigChangeTime) &&
            field(c, "timeoutStartTime", s.timeoutStartTime) && field(c, "expiryTime", s.expiryTime) &&
            field(c, "updateCount", s.updateCount) && field(c, "configChangeCount", s.configChangeCount) &&
-           field(c, "stateChangeCount", s.stateChangeCount) && field(c, "invalidatedCount", s.invalidatedCount) &&
-           field(c, "expiredCount", s.expiredCount);
+           field(c, "stateChangeCount", s.stateChangeCount) &&
+           field(c, "invalidatedCount", s.invalidatedCount) && field(c, "expiredCount", s.expiredCount);
 }
 
 bool status(Cursor& c, SolRouter::Status& s) {
@@ -183,8 +185,8 @@ bool config(Cursor& c, SolDnsServer::Config& d) {
 template <class Record>
 bool record(Cursor& c, Record& r) {
     r = Record{};
-    return c.literal("{config: ") && config(c, r.m_config) && c.literal(", status: ") && status(c, r.m_status) &&
-           c.literal("}");
+    return c.literal("{config: ") && config(c, r.m_config) && c.literal(", status: ") &&
+           status(c, r.m_status) && c.literal("}");
 }
 
 bool counters(Cursor& c, SolCounter<sol_socket_counters_t>& counters) {

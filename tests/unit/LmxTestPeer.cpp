@@ -24,9 +24,10 @@ namespace {
 
 const char* const kUsage =
     "Usage: lmx_test_peer MODE MBOX [SUBSCRIBER]\n"
-    "  answer     answer routers requests (routers 1 and 2) and show-cache requests (kTestCacheText)\n"
+    "  answer     answer routers requests (routers 1 and 2) and show-cache requests (testCacheText())\n"
     "  silent     hold the mailbox and answer nothing\n"
-    "  malformed  answer routers requests with a routers answer that claims 5 entries in 144 bytes\n"
+    "  malformed  answer routers requests with a routers answer that claims 5 entries in 144 bytes,\n"
+    "             and show-cache requests with a cache dump cut in the middle of a record\n"
     "  vanish     end without answering at the first request\n"
     "  publish    when SUBSCRIBER connects, send: router 1 update, network 1 update, DNS list of\n"
     "             servers 0 and 1, a router update of 100 bytes, a message numbered 0x1234, and\n"
@@ -75,7 +76,8 @@ bool answer(LmxMgr& mgr, const std::string& mode, const LmxMgr::Message& request
             reply.setTxGetRoutersCfmPush(makeRouter(2));
         }
     } else {
-        reply.setTxShowRainfoCfm(kTestCacheText);
+        const std::string text = testCacheText();
+        reply.setTxShowRainfoCfm(mode == "malformed" ? text.substr(0, text.size() / 2) : text);
     }
     mgr.respond(request, reply);
     return true;

@@ -241,7 +241,8 @@ TEST(SolTypesParse, DamagedRecordsNameTheOffsetAndWhatWasExpected) {
     const std::string good =
         "{config: {address: fe80::1, reachableTime: 0, retransTimer: 0, routerLifetime: 1800, flags: 0x4}, "
         "status: {id: 1, state: STATE_NEW, createdTime: 1, lastUpdateTime: 1, lastStateChangeTime: 1, "
-        "lastConfigChangeTime: 1, timeoutStartTime: 1, expiryTime: 1801, updateCount: 0, configChangeCount: 0, "
+        "lastConfigChangeTime: 1, timeoutStartTime: 1, expiryTime: 1801, updateCount: 0, configChangeCount: "
+        "0, "
         "stateChangeCount: 0, invalidatedCount: 0, expiredCount: 0}}";
     SolRouter router;
     std::string error;
@@ -260,7 +261,8 @@ TEST(SolTypesParse, DamagedRecordsNameTheOffsetAndWhatWasExpected) {
         {replaced("0x4", "4"), "at offset 92: expected '0x'"},
         {replaced("STATE_NEW", "STATE_DEPRECATED"), "at offset 121: expected a state name"},
         {replaced("id: 1", "id: -1"), "at offset 111: expected a number"},
-        {replaced("createdTime: 1", "createdTime: -9223372036854775809"), "at offset 145: number out of range"},
+        {replaced("createdTime: 1", "createdTime: -9223372036854775809"),
+         "at offset 145: number out of range"},
         {good + "\n", "at offset " + std::to_string(good.size()) + ": unexpected text after the end"},
         {"", "at offset 0: expected '{config: '"},
     };

@@ -56,18 +56,43 @@ TEST(SolicctlArgs, CommandsTakeTheirMailboxAndOptions) {
     EXPECT_EQ(r.options.command, Command::Show);
     EXPECT_FALSE(r.options.json);
     EXPECT_EQ(r.options.count, 0u) << "no limit";
-    EXPECT_EQ(r.options.timeoutSec, 0u) << "no limit";
+    EXPECT_EQ(r.options.timeoutSec, 5u) << "a request waits 5 s unless told";
+
+    r = parse({"status", "solicd", "--timeout", "2", "--json"});
+    ASSERT_EQ(r.kind, ParseResult::Kind::Run);
+    EXPECT_EQ(r.options.command, Command::Status);
+    EXPECT_EQ(r.options.timeoutSec, 2u);
+    EXPECT_TRUE(r.options.json);
+
+    r = parse({"watch", "client", "--raw"});
+    ASSERT_EQ(r.kind, ParseResult::Kind::Run);
+    EXPECT_TRUE(r.options.raw);
+    EXPECT_EQ(r.options.timeoutSec, 0u) << "watch has no limit unless told";
+}
+
+TEST(SolicctlArgs, VersionAndHelpCommand) {
+    EXPECT_EQ(parse({"--version"}).kind, ParseResult::Kind::Version);
+    EXPECT_EQ(parse({"status", "x", "--version"}).text, "solicctl " SOLICD_VERSION "\n");
+    EXPECT_THAT(parse({"help"}).text, StartsWith("Usage: solicctl [--dir DIR] COMMAND [ARGS]\n"));
+    EXPECT_EQ(parse({"help", "status"}).text, parse({"status", "--help"}).text);
+    EXPECT_THAT(parse({"help", "status"}).text,
+                StartsWith("Usage: solicctl [--dir DIR] status MBOX [--json]"));
+    EXPECT_EQ(usageOf({"help", "stat"}), "solicctl: unknown command 'stat'; see 'solicctl --help'");
+    EXPECT_EQ(usageOf({"help", "ls", "show"}),
+              "solicctl: help: unexpected argument 'show'; see 'solicctl --help'");
 }
 
 TEST(SolicctlArgs, HelpForTheToolAndForEachCommand) {
     EXPECT_EQ(parse({"--help"}).kind, ParseResult::Kind::Help);
     EXPECT_THAT(parse({"-h"}).text, StartsWith("Usage: solicctl [--dir DIR] COMMAND [ARGS]\n"));
     EXPECT_THAT(parse({"ls", "--help"}).text, StartsWith("Usage: solicctl [--dir DIR] ls\n"));
-    EXPECT_THAT(parse({"show", "--help"}).text, StartsWith("Usage: solicctl [--dir DIR] show MBOX\n"));
+    EXPECT_THAT(parse({"show", "--help"}).text,
+                StartsWith("Usage: solicctl [--dir DIR] show MBOX [--timeout SEC]\n"));
     EXPECT_THAT(parse({"routers", "x", "--help"}).text,
                 StartsWith("Usage: solicctl [--dir DIR] routers MBOX"));
-    EXPECT_THAT(parse({"watch", "--count", "zero", "--help"}).text,
-                StartsWith("Usage: solicctl [--dir DIR] watch MBOX [--json] [--count N] [--timeout SEC]\n"));
+    EXPECT_THAT(
+        parse({"watch", "--count", "zero", "--help"}).text,
+        StartsWith("Usage: solicctl [--dir DIR] watch MBOX [--json | --raw] [--count N] [--timeout SEC]\n"));
 }
 
 TEST(SolicctlArgs, UsageErrorsSayWhatIsWrongInOneLine) {
@@ -83,6 +108,10 @@ TEST(SolicctlArgs, UsageErrorsSayWhatIsWrongInOneLine) {
               "solicctl: show: unexpected argument 'b'; see 'solicctl show --help'");
     EXPECT_EQ(usageOf({"show", "a", "--json"}),
               "solicctl: show: unknown option '--json'; see 'solicctl show --help'");
+    EXPECT_EQ(usageOf({"watch", "a", "--json", "--raw"}),
+              "solicctl: watch: --json and --raw exclude each other; see 'solicctl watch --help'");
+    EXPECT_EQ(usageOf({"status", "a", "--raw"}),
+              "solicctl: status: unknown option '--raw'; see 'solicctl status --help'");
     EXPECT_EQ(usageOf({"routers", "a", "--count", "1"}),
               "solicctl: routers: unknown option '--count'; see 'solicctl routers --help'");
     EXPECT_EQ(

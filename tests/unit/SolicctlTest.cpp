@@ -1,9 +1,13 @@
 // solicctl as an operator runs it, against a test peer on the real mailbox service in a private
 // directory: output forms, --count, --timeout, signals, exit statuses and error lines.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -122,7 +126,7 @@ TEST_F(SolicctlTest, ShowPrintsTheTextAnswer) {
     startPeer("answer", "solicd");
     const Result r = run({"show", "solicd"});
     EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, std::string(kTestCacheText) + "\n");
+    EXPECT_EQ(r.out, testCacheText() + "\n");
 }
 
 TEST_F(SolicctlTest, DirOptionWinsOverLmxDir) {
@@ -178,9 +182,9 @@ TEST_F(SolicctlTest, DaemonGoneBeforeAnsweringFailsAtOnce) {
     EXPECT_EQ(r.err, "solicctl: 'solicd' went away before answering; check that solicd runs\n");
 }
 
-TEST_F(SolicctlTest, WatchPrintsEveryUpdateOnOneLineUntilCountAndReportsWhatItIgnores) {
+TEST_F(SolicctlTest, WatchRawPrintsEveryUpdateInStreamFormUntilCountAndReportsWhatItIgnores) {
     startPeer("publish", "solicd", "client");
-    const Result r = run({"watch", "client", "--count", "4"});
+    const Result r = run({"watch", "client", "--raw", "--count", "4"});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_THAT(lines(r.out), ElementsAre("router_updated " + toStr(makeRouter(1)),
                                           "network_updated " + toStr(makeNetwork(1)),
@@ -216,7 +220,7 @@ TEST_F(SolicctlTest, WatchJsonPrintsOneObjectPerUpdate) {
 
 TEST_F(SolicctlTest, WatchFlushesEachLineAsItComes) {
     startPeer("publish", "solicd", "client");
-    auto watch = start({"watch", "client", "--count", "100"});
+    auto watch = start({"watch", "client", "--raw", "--count", "100"});
     // The watcher is still running (it wants 100): each line must already have been written.
     EXPECT_THAT(watch->readLine(), StartsWith("router_updated "));
     EXPECT_THAT(watch->readLine(), StartsWith("network_updated "));
@@ -280,11 +284,20 @@ TEST_F(SolicctlTest, LsListsLiveMailboxesSortedAndSkipsLeftovers) {
     EXPECT_EQ(r.out, "a-daemon\nb-daemon\n");
 }
 
-TEST_F(SolicctlTest, LsOfAMissingDirectoryFails) {
-    const Result r = run({"--dir", m_dir + "/missing", "ls"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "solicctl: cannot read the mailbox directory " + m_dir +
-                         "/missing (No such file or directory); check --dir or LMX_DIR\n");
+TEST_F(SolicctlTest, AMissingDirectoryIsOneLineForEveryCommandAndIsNeverCreated) {
+    const std::string missing = m_dir + "/mistyped";
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {"ls"}, {"watch", "client", "--timeout", "1"}, {"status", "solicd"}, {"show", "solicd"}}) {
+        std::vector<std::string> withDir{"--dir", missing};
+        withDir.insert(withDir.end(), args.begin(), args.end());
+        const Result r = run(withDir);
+        EXPECT_EQ(r.status, 1) << args[0];
+        EXPECT_EQ(r.out, "") << args[0];
+        EXPECT_EQ(r.err, "solicctl: no mailbox directory " + missing +
+                             " (No such file or directory); check --dir (or LMX_DIR) and that solicd runs\n")
+            << args[0];
+        EXPECT_FALSE(std::filesystem::exists(missing)) << args[0];
+    }
 }
 
 TEST_F(SolicctlTest, UsageErrorsExitTwoWithOneLineOnStderr) {
@@ -299,13 +312,189 @@ TEST_F(SolicctlTest, UsageErrorsExitTwoWithOneLineOnStderr) {
 }
 
 TEST_F(SolicctlTest, HelpForTheToolAndEachCommandExitsZero) {
-    for (const auto& args : std::vector<std::vector<std::string>>{
-             {"--help"}, {"ls", "--help"}, {"show", "--help"}, {"routers", "--help"}, {"watch", "--help"}}) {
+    for (const auto& args : std::vector<std::vector<std::string>>{{"--help"},
+                                                                  {"help"},
+                                                                  {"ls", "--help"},
+                                                                  {"show", "--help"},
+                                                                  {"routers", "--help"},
+                                                                  {"status", "--help"},
+                                                                  {"watch", "--help"},
+                                                                  {"help", "watch"}}) {
         const Result r = run(args);
         EXPECT_EQ(r.status, 0);
         EXPECT_THAT(r.out, StartsWith("Usage: solicctl [--dir DIR] "));
         EXPECT_EQ(r.err, "");
     }
+}
+
+TEST_F(SolicctlTest, VersionIsOneLineOnStdout) {
+    const Result r = run({"--version"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "solicctl " SOLICD_VERSION "\n");
+    EXPECT_EQ(r.err, "");
+}
+
+TEST_F(SolicctlTest, StatusShowsTheLinkForPeople) {
+    startPeer("answer", "solicd");
+    const Result r = run({"status", "solicd"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err, "");
+    const auto out = lines(r.out);
+    ASSERT_GE(out.size(), 14u) << r.out;
+    // Network 1 is deprecated, so not active; the times are long past, so every lifetime has run out.
+    EXPECT_EQ(out[0], "solicd: 2 routers, 0 prefixes, 2 DNS servers active");
+    EXPECT_EQ(
+        out[1],
+        "rx 1234 RAs, 2 rejected; 3 RS sent; parsed 1234, dropped 0; prefixes 1200 accepted, 34 ignored");
+    EXPECT_EQ(out[3], "Routers");
+    EXPECT_THAT(out[4], StartsWith("ADDRESS  STATE      LIFETIME  FLAGS  REACHABLE  RETRANS  UPDATED"));
+    EXPECT_THAT(out[5], StartsWith("fe80::1  STATE_NEW  0s        M O    30001ms    1001ms   "));
+    EXPECT_THAT(out[6], StartsWith("fe80::2  STATE_NEW  0s        M O    30002ms    1002ms   "));
+    EXPECT_EQ(out[8], "Prefixes");
+    EXPECT_EQ(out[10],
+              "2001:db8:1::/64  STATE_DEPRECATED  0s     expired    L A    71 cut to 2h, 81 ignored");
+    EXPECT_EQ(out[12], "DNS servers");
+    EXPECT_EQ(out[14], "2001:db8::53:0  STATE_UPDATED  0s");
+}
+
+TEST_F(SolicctlTest, StatusJsonIsOneObjectWithTheRecordsAndCounters) {
+    startPeer("answer", "solicd");
+    const Result r = run({"status", "solicd", "--json"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    const auto out = lines(r.out);
+    ASSERT_EQ(out.size(), 1u);
+    const auto j = nlohmann::json::parse(out[0]);
+    EXPECT_EQ(j["kind"], "status");
+    EXPECT_EQ(j["mailbox"], "solicd");
+    ASSERT_EQ(j["routers"].size(), 2u);
+    EXPECT_EQ(j["routers"][1]["address"], "fe80::2");
+    EXPECT_EQ(j["routers"][1]["status"]["expiredCount"], 52);
+    ASSERT_EQ(j["networks"].size(), 1u);
+    EXPECT_EQ(j["networks"][0]["prefix"], "2001:db8:1::1234");
+    EXPECT_EQ(j["networks"][0]["status"]["lifetimeIgnoredCount"], 81);
+    ASSERT_EQ(j["dnsServers"].size(), 2u);
+    EXPECT_EQ(j["dnsServers"][1]["index"], 1);
+    EXPECT_EQ(j["counters"]["rxRa"], 1234);
+    EXPECT_EQ(j["counters"]["prefixIgnored"], 34);
+}
+
+TEST_F(SolicctlTest, StatusOfAnAnswerItCannotReadIsAnErrorNeverATable) {
+    startPeer("malformed", "solicd");
+    const Result r = run({"status", "solicd"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "");
+    EXPECT_THAT(r.err, StartsWith("solicctl: cannot read the cache of 'solicd' (at offset "));
+    EXPECT_EQ(lines(r.err).size(), 1u);
+}
+
+TEST_F(SolicctlTest, RequestsWaitAsLongAsTimeoutSays) {
+    startPeer("silent", "solicd");
+    for (const char* command : {"show", "status", "routers"}) {
+        const auto begin = std::chrono::steady_clock::now();
+        const Result r = run({command, "solicd", "--timeout", "1"});
+        const auto took = std::chrono::steady_clock::now() - begin;
+        EXPECT_EQ(r.status, 1) << command;
+        EXPECT_EQ(
+            r.err,
+            "solicctl: no answer from 'solicd' within 1 s; check that it is the mailbox solicd was given "
+            "with --source\n")
+            << command;
+        EXPECT_LT(took, std::chrono::seconds(4)) << command << ": not the default 5 s";
+    }
+}
+
+TEST_F(SolicctlTest, WatchPrintsOneShortLinePerUpdate) {
+    startPeer("publish", "solicd", "client");
+    const Result r = run({"watch", "client", "--count", "4"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    const auto out = lines(r.out);
+    ASSERT_EQ(out.size(), 4u) << r.out;
+    const std::string clock = "[0-9][0-9]:[0-9][0-9]:[0-9][0-9] ";
+    EXPECT_THAT(out[0], ::testing::MatchesRegex(clock + "router  fe80::1  STATE_NEW  lifetime 30m 1s  M O"));
+    EXPECT_THAT(out[1], ::testing::MatchesRegex(clock + "prefix  2001:db8:1::/64  STATE_DEPRECATED  "
+                                                        "valid 1d preferred 4h  L A"));
+    EXPECT_THAT(out[2], ::testing::MatchesRegex(clock + "dns     2001:db8::53:0 2001:db8::53:1  "
+                                                        "lifetimes 10m 10m 1s"));
+    EXPECT_THAT(out[3], ::testing::MatchesRegex(clock + "router  fe80::2  STATE_NEW  lifetime 30m 2s  M O"));
+}
+
+// solicctl's stdout is a pipe whose reader has already gone, as under `watch | head -n 1` once
+// head has its line: the first update it writes meets a broken pipe.
+TEST_F(SolicctlTest, AReaderThatLeavesEndsWatchQuietlyAndWell) {
+    startPeer("publish", "solicd", "client");
+    int out[2];
+    int err[2];
+    ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
+    ASSERT_EQ(pipe2(err, O_CLOEXEC), 0);
+    close(out[0]);
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        dup2(out[1], STDOUT_FILENO);
+        dup2(err[1], STDERR_FILENO);
+        execl(SOLICCTL_BIN, SOLICCTL_BIN, "watch", "client", "--count", "4", "--timeout", "30", nullptr);
+        _exit(127);
+    }
+    close(out[1]);
+    close(err[1]);
+    std::string errText;
+    char buffer[256];
+    for (ssize_t n; (n = read(err[0], buffer, sizeof buffer)) > 0;) {
+        errText.append(buffer, static_cast<size_t>(n));
+    }
+    close(err[0]);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(errText, "");
+}
+
+// solicctl on a real pseudo-terminal, as a person runs it: what it printed there.
+std::string onTerminal(const std::vector<std::string>& args, const char* noColor) {
+    int master = -1;
+    const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+    if (pid < 0) {
+        return "forkpty failed";
+    }
+    if (pid == 0) {
+        setenv("TERM", "xterm", 1);
+        if (noColor != nullptr) {
+            setenv("NO_COLOR", noColor, 1);
+        } else {
+            unsetenv("NO_COLOR");
+        }
+        std::vector<char*> argv{const_cast<char*>(SOLICCTL_BIN)};
+        for (const auto& a : args) {
+            argv.push_back(const_cast<char*>(a.c_str()));
+        }
+        argv.push_back(nullptr);
+        execv(SOLICCTL_BIN, argv.data());
+        _exit(127);
+    }
+    std::string text;
+    char buffer[4096];
+    // The terminal's reader ends with EIO once the child has gone.
+    for (ssize_t n; (n = read(master, buffer, sizeof buffer)) > 0;) {
+        text.append(buffer, static_cast<size_t>(n));
+    }
+    close(master);
+    waitpid(pid, nullptr, 0);
+    return text;
+}
+
+TEST_F(SolicctlTest, ColourOnATerminalOnlyAndNeverWithNoColor) {
+    startPeer("answer", "solicd");
+    const std::string coloured = onTerminal({"status", "solicd"}, nullptr);
+    EXPECT_THAT(coloured, HasSubstr("\033[1mRouters\033[0m")) << coloured;
+    EXPECT_THAT(coloured, HasSubstr("\033[32mSTATE_NEW\033[0m")) << coloured;
+    const std::string noColor = onTerminal({"status", "solicd"}, "1");
+    EXPECT_THAT(noColor, HasSubstr("Routers"));
+    EXPECT_EQ(noColor.find('\033'), std::string::npos) << noColor;
+    const Result piped = run({"status", "solicd"});
+    EXPECT_EQ(piped.status, 0) << piped.err;
+    EXPECT_THAT(piped.out, HasSubstr("Routers"));
+    EXPECT_EQ(piped.out.find('\033'), std::string::npos) << piped.out;
 }
 
 }  // namespace

@@ -17,15 +17,19 @@ const char* const kToolHelp =
     "\n"
     "Commands:\n"
     "  ls                      list the live mailboxes in the directory\n"
+    "  status MBOX [--json]    the state of the link: routers, prefixes, DNS servers, counters\n"
     "  show MBOX               print solicd's cache dump (show-cache request to MBOX)\n"
     "  routers MBOX [--json]   print solicd's routers (routers request to MBOX)\n"
-    "  watch MBOX [--json] [--count N] [--timeout SEC]\n"
+    "  watch MBOX [--json | --raw] [--count N] [--timeout SEC]\n"
     "                          act as solicd's client: create MBOX and print every update\n"
+    "  help [COMMAND]          this text, or one command's\n"
     "\n"
     "Options:\n"
     "  --dir DIR   mailbox directory (default: $LMX_DIR, else /run/lmx)\n"
     "  --help      this text; 'solicctl COMMAND --help' describes one command\n"
+    "  --version   the version of solicctl\n"
     "\n"
+    "Output is coloured on a terminal unless NO_COLOR is set or TERM is dumb.\n"
     "Exit status: 0 success, 1 the request failed or timed out, 2 usage error.\n";
 
 const char* const kLsHelp =
@@ -33,58 +37,76 @@ const char* const kLsHelp =
     "Lists the live mailboxes in the mailbox directory, one name per line, sorted.\n"
     "Socket files left behind by a process that died are not listed.\n";
 
+const char* const kStatusHelp =
+    "Usage: solicctl [--dir DIR] status MBOX [--json] [--timeout SEC]\n"
+    "Asks MBOX (the name solicd was given with --source) for its cache and prints the state of\n"
+    "the link: a header with the counts of active entries and the counters, then the routers,\n"
+    "prefixes and DNS servers as aligned tables, lifetimes left as durations, flags as letters\n"
+    "(M managed, O other configuration; L on-link, A autonomous). Active entries come first.\n"
+    "  --json         the same as one JSON object\n"
+    "  --timeout SEC  wait at most SEC seconds for the answer (default 5)\n"
+    "Exit status 1 when MBOX does not exist, gives no answer in time or an answer it cannot read.\n";
+
 const char* const kShowHelp =
-    "Usage: solicctl [--dir DIR] show MBOX\n"
+    "Usage: solicctl [--dir DIR] show MBOX [--timeout SEC]\n"
     "Sends a show-cache request to MBOX (the name solicd was given with --source) and prints\n"
     "the text answer: routers, networks, DNS servers and counters.\n"
-    "Exit status 1 when MBOX does not exist or gives no answer within 5 s.\n";
+    "  --timeout SEC  wait at most SEC seconds for the answer (default 5)\n"
+    "Exit status 1 when MBOX does not exist or gives no answer in time.\n";
 
 const char* const kRoutersHelp =
-    "Usage: solicctl [--dir DIR] routers MBOX [--json]\n"
+    "Usage: solicctl [--dir DIR] routers MBOX [--json] [--timeout SEC]\n"
     "Sends a routers request to MBOX (the name solicd was given with --source) and prints the\n"
     "routers of the answer: a count line, then one line per router.\n"
-    "  --json   print the answer as one JSON object: {\"kind\": \"routers\", \"routers\": [...]}\n"
-    "Exit status 1 when MBOX does not exist or gives no answer within 5 s.\n";
+    "  --json         print the answer as one JSON object: {\"kind\": \"routers\", \"routers\": [...]}\n"
+    "  --timeout SEC  wait at most SEC seconds for the answer (default 5)\n"
+    "Exit status 1 when MBOX does not exist or gives no answer in time.\n";
 
 const char* const kWatchHelp =
-    "Usage: solicctl [--dir DIR] watch MBOX [--json] [--count N] [--timeout SEC]\n"
+    "Usage: solicctl [--dir DIR] watch MBOX [--json | --raw] [--count N] [--timeout SEC]\n"
     "Creates mailbox MBOX (the name solicd was given with --destination), becomes solicd's\n"
-    "client and prints every update it receives, one per line: router_updated,\n"
-    "network_updated, dns_servers_updated. Runs until SIGINT or SIGTERM, N updates, or SEC\n"
-    "seconds.\n"
+    "client and prints every update it receives, one line each: local time, kind, key, state and\n"
+    "the fields that matter. Runs until SIGINT or SIGTERM, N updates, or SEC seconds.\n"
     "  --json         one JSON object per line\n"
+    "  --raw          the records' own stream forms\n"
     "  --count N      stop after N updates\n"
     "  --timeout SEC  stop after SEC seconds; with --count, fewer than N updates by then is a\n"
     "                 failure (exit status 1)\n";
 
-const char* helpOf(Command command) {
-    switch (command) {
-        case Command::Ls:
-            return kLsHelp;
-        case Command::Show:
-            return kShowHelp;
-        case Command::Routers:
-            return kRoutersHelp;
-        case Command::Watch:
-            return kWatchHelp;
-    }
-    return kToolHelp;
-}
+// What each command takes besides --dir and --help.
+enum Takes : unsigned {
+    kMailbox = 1u << 0,
+    kJson = 1u << 1,
+    kRaw = 1u << 2,
+    kCount = 1u << 3,
+    kTimeout = 1u << 4,
+};
 
-std::optional<Command> commandOf(const std::string& word) {
-    if (word == "ls") {
-        return Command::Ls;
+struct CommandSpec {
+    const char* word;
+    Command command;
+    unsigned takes;
+    const char* help;
+};
+
+constexpr CommandSpec kCommands[] = {
+    {"ls", Command::Ls, 0, kLsHelp},
+    {"status", Command::Status, kMailbox | kJson | kTimeout, kStatusHelp},
+    {"show", Command::Show, kMailbox | kTimeout, kShowHelp},
+    {"routers", Command::Routers, kMailbox | kJson | kTimeout, kRoutersHelp},
+    {"watch", Command::Watch, kMailbox | kJson | kRaw | kCount | kTimeout, kWatchHelp},
+};
+
+// "help" is a command word too, but runs nothing.
+constexpr const char* kHelpWord = "help";
+
+const CommandSpec* commandOf(const std::string& word) {
+    for (const CommandSpec& spec : kCommands) {
+        if (word == spec.word) {
+            return &spec;
+        }
     }
-    if (word == "show") {
-        return Command::Show;
-    }
-    if (word == "routers") {
-        return Command::Routers;
-    }
-    if (word == "watch") {
-        return Command::Watch;
-    }
-    return std::nullopt;
+    return nullptr;
 }
 
 bool isHelp(const std::string& arg) {
@@ -160,25 +182,44 @@ bool isValidMailboxName(const std::string& name) {
 }
 
 ParseResult parseArgs(const std::vector<std::string>& args, const char* envDir) {
-    // --help wins wherever it stands: before the command it describes the tool, after it the command.
-    std::optional<Command> command;
-    std::string commandWord;
+    // The words that are not options or their values: the command, then its arguments. --help
+    // and --version win wherever they stand: before the command --help describes the tool,
+    // after it the command.
+    std::vector<std::string> words;
+    bool wantsHelp = false;
     for (size_t i = 0; i < args.size(); ++i) {
-        if (!command && isHelp(args[i])) {
+        if (isHelp(args[i])) {
+            wantsHelp = true;
+        } else if (args[i] == "--version") {
+            ParseResult r;
+            r.kind = ParseResult::Kind::Version;
+            r.text = std::string("solicctl ") + SOLICD_VERSION + "\n";
+            return r;
+        } else if (args[i] == "--dir" ||
+                   (!words.empty() && (args[i] == "--count" || args[i] == "--timeout"))) {
+            ++i;
+        } else if (!args[i].empty() && args[i][0] != '-') {
+            words.push_back(args[i]);
+        }
+    }
+    if (!words.empty() && words[0] == kHelpWord) {
+        if (words.size() == 1) {
             return help(kToolHelp);
         }
-        if (command && isHelp(args[i])) {
-            return help(helpOf(*command));
+        const CommandSpec* topic = commandOf(words[1]);
+        if (topic == nullptr || words.size() > 2) {
+            return usage(topic == nullptr ? "unknown command '" + words[1] + "'"
+                                          : "help: unexpected argument '" + words[2] + "'",
+                         "");
         }
-        if (!command && args[i] == "--dir") {
-            ++i;
-        } else if (!command && !args[i].empty() && args[i][0] != '-') {
-            command = commandOf(args[i]);
-            commandWord = args[i];
-            if (!command) {
-                return usage("unknown command '" + args[i] + "'", "");
-            }
-        }
+        return help(topic->help);
+    }
+    const CommandSpec* spec = words.empty() ? nullptr : commandOf(words[0]);
+    if (wantsHelp) {
+        return help(spec != nullptr ? spec->help : kToolHelp);
+    }
+    if (!words.empty() && spec == nullptr) {
+        return usage("unknown command '" + words[0] + "'", "");
     }
 
     ParseResult r;
@@ -187,8 +228,8 @@ ParseResult parseArgs(const std::vector<std::string>& args, const char* envDir) 
     bool seenCommand = false;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& arg = args[i];
-        const std::string where = seenCommand ? commandWord : "";
-        const std::string prefix = seenCommand ? commandWord + ": " : "";
+        const std::string where = seenCommand ? spec->word : "";
+        const std::string prefix = seenCommand ? where + ": " : "";
         if (const OptionValue v = optionValue(args, i, "--dir"); v.matched) {
             if (v.missing || v.value.empty()) {
                 return usage("--dir needs a directory", where);
@@ -200,16 +241,19 @@ ParseResult parseArgs(const std::vector<std::string>& args, const char* envDir) 
             if (!arg.empty() && arg[0] == '-') {
                 return usage("unknown option '" + arg + "'", "");
             }
-            o.command = *command;
+            o.command = spec->command;
             seenCommand = true;
             continue;
         }
-        const bool watch = o.command == Command::Watch;
-        if (arg == "--json" && (watch || o.command == Command::Routers)) {
+        if (arg == "--json" && (spec->takes & kJson) != 0) {
             o.json = true;
             continue;
         }
-        if (watch) {
+        if (arg == "--raw" && (spec->takes & kRaw) != 0) {
+            o.raw = true;
+            continue;
+        }
+        if ((spec->takes & kCount) != 0) {
             if (const OptionValue v = optionValue(args, i, "--count"); v.matched) {
                 const auto n = positiveNumber(v.value, kMaxCount);
                 if (!n) {
@@ -220,6 +264,8 @@ ParseResult parseArgs(const std::vector<std::string>& args, const char* envDir) 
                 o.count = *n;
                 continue;
             }
+        }
+        if ((spec->takes & kTimeout) != 0) {
             if (const OptionValue v = optionValue(args, i, "--timeout"); v.matched) {
                 const auto n = positiveNumber(v.value, kMaxTimeoutSec);
                 if (!n) {
@@ -234,7 +280,7 @@ ParseResult parseArgs(const std::vector<std::string>& args, const char* envDir) 
         if (!arg.empty() && arg[0] == '-') {
             return usage(prefix + "unknown option '" + arg + "'", where);
         }
-        if (o.command == Command::Ls || !o.mbox.empty()) {
+        if ((spec->takes & kMailbox) == 0 || !o.mbox.empty()) {
             return usage(prefix + "unexpected argument '" + arg + "'", where);
         }
         if (!isValidMailboxName(arg)) {
@@ -247,8 +293,14 @@ ParseResult parseArgs(const std::vector<std::string>& args, const char* envDir) 
     if (!seenCommand) {
         return usage("missing command", "");
     }
-    if (o.command != Command::Ls && o.mbox.empty()) {
-        return usage(commandWord + ": missing mailbox name", commandWord);
+    if ((spec->takes & kMailbox) != 0 && o.mbox.empty()) {
+        return usage(std::string(spec->word) + ": missing mailbox name", spec->word);
+    }
+    if (o.json && o.raw) {
+        return usage(std::string(spec->word) + ": --json and --raw exclude each other", spec->word);
+    }
+    if (o.command != Command::Watch && o.timeoutSec == 0) {
+        o.timeoutSec = kRequestTimeoutSec;
     }
     o.dir = dir ? *dir : (envDir != nullptr && envDir[0] != '\0' ? envDir : kDefaultDir);
     return r;

@@ -14,21 +14,22 @@ inline constexpr int kExitUsage = 2;
 inline constexpr const char* kDefaultDir = "/run/lmx";
 inline constexpr unsigned kRequestTimeoutSec = 5;
 
-enum class Command { Ls, Show, Routers, Watch };
+enum class Command { Ls, Show, Routers, Status, Watch };
 
 struct Options {
     Command command = Command::Ls;
     std::string dir;   // resolved: --dir, then $LMX_DIR, then /run/lmx
-    std::string mbox;  // the mailbox of show, routers and watch
+    std::string mbox;  // the mailbox of every command but ls
     bool json = false;
+    bool raw = false;         // watch: the records' own stream forms
     uint64_t count = 0;       // watch: 0 means no limit
-    uint64_t timeoutSec = 0;  // watch: 0 means no limit
+    uint64_t timeoutSec = 0;  // watch: 0 means no limit; requests: kRequestTimeoutSec unless given
 };
 
 struct ParseResult {
-    enum class Kind { Run, Help, Usage } kind = Kind::Run;
+    enum class Kind { Run, Help, Version, Usage } kind = Kind::Run;
     Options options;
-    std::string text;  // Help: the help text; Usage: the one-line error
+    std::string text;  // Help: the help text; Version: the version line; Usage: the one-line error
 };
 
 // `envDir` is $LMX_DIR (null when unset).

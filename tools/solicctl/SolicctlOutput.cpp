@@ -5,9 +5,6 @@
 namespace solicd::ctl {
 namespace {
 
-// Keys in record order, "kind" first.
-using Json = nlohmann::ordered_json;
-
 template <class Status>
 Json commonStatus(const Status& s, const char* state) {
     return Json{{"id", s.id},
@@ -25,7 +22,7 @@ Json commonStatus(const Status& s, const char* state) {
                 {"expiredCount", s.expiredCount}};
 }
 
-// Each record's fields, in record order, into the object `j`.
+// Each record's fields, in record order, into the object `j` ("kind" may come first).
 void addFields(Json& j, const SolRouter& r) {
     const auto& c = r.m_config;
     j["address"] = kt_ip_address_ntop(c.address);
@@ -69,13 +66,7 @@ Json single(const char* kind, const Record& record) {
 // {"kind": kind, listName: [records]}
 template <class Record>
 Json list(const char* kind, const char* listName, const std::vector<Record>& records) {
-    Json items = Json::array();
-    for (const auto& r : records) {
-        Json item = Json::object();
-        addFields(item, r);
-        items.push_back(std::move(item));
-    }
-    return Json{{"kind", kind}, {listName, std::move(items)}};
+    return Json{{"kind", kind}, {listName, recordsJson(records)}};
 }
 
 template <class Record>
@@ -88,6 +79,24 @@ std::string joined(const std::vector<Record>& records) {
 }
 
 }  // namespace
+
+Json recordJson(const SolRouter& router) {
+    Json j = Json::object();
+    addFields(j, router);
+    return j;
+}
+
+Json recordJson(const SolNetwork& network) {
+    Json j = Json::object();
+    addFields(j, network);
+    return j;
+}
+
+Json recordJson(const SolDnsServer& server) {
+    Json j = Json::object();
+    addFields(j, server);
+    return j;
+}
 
 const char* kindOf(uint32_t msgNo) {
     switch (msgNo) {

@@ -1,8 +1,7 @@
-// solicctl: the command-line client of solicd. Lists mailboxes, asks solicd for its routers or
-// its cache dump, or acts as its client and prints every update.
+// solicctl: the command-line client of solicd. Lists mailboxes, asks solicd for its routers, its
+// cache dump or the state of the link, or acts as its client and prints every update.
 #include <dirent.h>
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,13 +10,20 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "MailboxAccess.h"
 #include "SolIf.h"
+#include "SolTypesParse.h"
 #include "SolicctlArgs.h"
 #include "SolicctlLink.h"
 #include "SolicctlOutput.h"
+#include "StatusView.h"
+#include "Terminal.h"
+#include "WatchLines.h"
 
 namespace solicd::ctl {
 namespace {
@@ -27,13 +33,21 @@ int fail(const std::string& text) {
     return kExitFailed;
 }
 
-// One line on stdout, flushed at once: a reader of `watch` sees every update as it comes.
-bool emitLine(const std::string& line) {
-    return std::fputs(line.c_str(), stdout) >= 0 && std::fputc('\n', stdout) != EOF &&
-           std::fflush(stdout) == 0;
+// Text on stdout, flushed at once: a reader of `watch` sees every update as it comes.
+bool emit(const std::string& text) {
+    return std::fputs(text.c_str(), stdout) >= 0 && std::fflush(stdout) == 0;
 }
 
+bool emitLine(const std::string& line) {
+    return emit(line + "\n");
+}
+
+// A reader that went away (`solicctl watch | head -1`) ends solicctl quietly and well, as it
+// does `ip` and `grep`; any other write error is one.
 int outputFailed() {
+    if (errno == EPIPE) {
+        return kExitOk;
+    }
     return fail(std::string("cannot write the output (") + std::strerror(errno) + ")");
 }
 
@@ -49,6 +63,10 @@ std::string senderName(const void* msg) {
 }
 
 int runLs(const Options& o) {
+    std::string error;
+    if (!mailboxDirectoryUsable(o.dir, error)) {
+        return fail(error);
+    }
     DIR* dir = opendir(o.dir.c_str());
     if (dir == nullptr) {
         return fail("cannot read the mailbox directory " + o.dir + " (" + std::strerror(errno) +
@@ -66,7 +84,6 @@ int runLs(const Options& o) {
     std::sort(candidates.begin(), candidates.end());
 
     LmxSession session;
-    std::string error;
     if (session.start(o.dir, error) != 0) {
         return fail(error);
     }
@@ -79,27 +96,17 @@ int runLs(const Options& o) {
     return kExitOk;
 }
 
-// show and routers: a request from a private mailbox, and the answer from `o.mbox`.
-int runRequest(const Options& o, uint32_t requestNo, uint32_t answerNo) {
-    // Starting the service would create a missing directory; a question creates nothing.
-    struct stat st {};
-    const int found = stat(o.dir.c_str(), &st);
-    if (found != 0 || !S_ISDIR(st.st_mode)) {
-        const std::string why = found != 0 ? std::strerror(errno) : "not a directory";
-        return fail("no mailbox directory " + o.dir + " (" + why +
-                    "); check --dir (or LMX_DIR) and that solicd runs");
-    }
-    // The service cannot tell a mailbox it may not use from one that is not there: a directory
-    // this user may not enter and write in is named as what it is.
-    if (access(o.dir.c_str(), W_OK | X_OK) != 0 && errno == EACCES) {
-        const struct group* group = getgrgid(st.st_gid);
-        const std::string name = group != nullptr ? group->gr_name : std::to_string(st.st_gid);
-        return fail("permission denied: you may not use the mailboxes in " + o.dir + "; join group " + name +
-                    " (then log in again) or run as root");
+using AnswerHandler = std::function<int(const SolifMessage&)>;
+
+// A request from a private mailbox to `o.mbox`; its decoded answer goes to `onAnswer`, whose
+// result is solicctl's.
+int runRequest(const Options& o, uint32_t requestNo, uint32_t answerNo, const AnswerHandler& onAnswer) {
+    std::string error;
+    if (!mailboxDirectoryUsable(o.dir, error)) {
+        return fail(error);
     }
     const TerminationSignals signals;
     LmxSession session;
-    std::string error;
     if (session.start(o.dir, error) != 0) {
         return fail(error);
     }
@@ -119,12 +126,12 @@ int runRequest(const Options& o, uint32_t requestNo, uint32_t answerNo) {
         return fail("cannot send the request to '" + o.mbox + "' (" + std::strerror(errno) +
                     "); check that solicd runs");
     }
-    const auto deadline = Clock::now() + std::chrono::seconds(kRequestTimeoutSec);
+    const auto deadline = Clock::now() + std::chrono::seconds(o.timeoutSec);
     for (;;) {
         Received r = waitForMessage(signals, deadline);
         switch (r.kind) {
             case Received::Kind::Timeout:
-                return fail("no answer from '" + o.mbox + "' within " + std::to_string(kRequestTimeoutSec) +
+                return fail("no answer from '" + o.mbox + "' within " + std::to_string(o.timeoutSec) +
                             " s; check that it is the mailbox solicd was given with --source");
             case Received::Kind::Signal:
                 return fail("interrupted before '" + o.mbox + "' answered");
@@ -148,20 +155,35 @@ int runRequest(const Options& o, uint32_t requestNo, uint32_t answerNo) {
         if (solifDecode(msg, lmx_size(msg), answer, error) != 0) {
             return fail("malformed answer from '" + o.mbox + "': " + error);
         }
-        if (answerNo == SOLIF_SHOW_RAINFO_CFM) {
-            const std::string text = showText(answer);
-            return std::fputs(text.c_str(), stdout) >= 0 && std::fflush(stdout) == 0 ? kExitOk
-                                                                                     : outputFailed();
-        }
-        const std::vector<std::string> lines =
-            o.json ? std::vector<std::string>{jsonLine(answer)} : textLines(answer);
-        for (const auto& line : lines) {
-            if (!emitLine(line)) {
-                return outputFailed();
-            }
-        }
-        return kExitOk;
+        return onAnswer(answer);
     }
+}
+
+int printShow(const SolifMessage& answer) {
+    return emit(showText(answer)) ? kExitOk : outputFailed();
+}
+
+int printRouters(const Options& o, const SolifMessage& answer) {
+    const std::vector<std::string> lines =
+        o.json ? std::vector<std::string>{jsonLine(answer)} : textLines(answer);
+    for (const auto& line : lines) {
+        if (!emitLine(line)) {
+            return outputFailed();
+        }
+    }
+    return kExitOk;
+}
+
+int printStatus(const Options& o, const SolifMessage& answer) {
+    SolCacheText cache;
+    std::string error;
+    if (!solParseCacheText(answer.text, cache, error)) {
+        return fail("cannot read the cache of '" + o.mbox + "' (" + error + "); 'solicctl show " + o.mbox +
+                    "' prints it as it came, check that solicd and solicctl are of one version");
+    }
+    const std::string text = o.json ? statusJson(o.mbox, cache) + "\n"
+                                    : statusText(o.mbox, cache, std::time(nullptr), colourForStdout());
+    return emit(text) ? kExitOk : outputFailed();
 }
 
 bool isUpdate(uint32_t msgNo) {
@@ -170,9 +192,13 @@ bool isUpdate(uint32_t msgNo) {
 }
 
 int runWatch(const Options& o) {
+    std::string error;
+    if (!mailboxDirectoryUsable(o.dir, error)) {
+        return fail(error);
+    }
+    const bool colour = colourForStdout();
     const TerminationSignals signals;
     LmxSession session;
-    std::string error;
     if (session.start(o.dir, error) != 0 || session.createMailbox(o.mbox, error) != 0) {
         return fail(error);
     }
@@ -211,7 +237,10 @@ int runWatch(const Options& o) {
                          error.c_str());
             continue;
         }
-        if (!emitLine(o.json ? jsonLine(update) : textLines(update).front())) {
+        const std::string line = o.json  ? jsonLine(update)
+                                 : o.raw ? textLines(update).front()
+                                         : watchLine(update, std::time(nullptr), colour);
+        if (!emitLine(line)) {
             return outputFailed();
         }
         ++printed;
@@ -224,9 +253,13 @@ int run(const Options& o) {
         case Command::Ls:
             return runLs(o);
         case Command::Show:
-            return runRequest(o, SOLIF_SHOW_RAINFO_REQ, SOLIF_SHOW_RAINFO_CFM);
+            return runRequest(o, SOLIF_SHOW_RAINFO_REQ, SOLIF_SHOW_RAINFO_CFM, printShow);
         case Command::Routers:
-            return runRequest(o, SOLIF_GET_ROUTERS_REQ, SOLIF_GET_ROUTERS_CFM);
+            return runRequest(o, SOLIF_GET_ROUTERS_REQ, SOLIF_GET_ROUTERS_CFM,
+                              [&](const SolifMessage& answer) { return printRouters(o, answer); });
+        case Command::Status:
+            return runRequest(o, SOLIF_SHOW_RAINFO_REQ, SOLIF_SHOW_RAINFO_CFM,
+                              [&](const SolifMessage& answer) { return printStatus(o, answer); });
         case Command::Watch:
             return runWatch(o);
     }
@@ -242,6 +275,7 @@ int main(int argc, char** argv) {
         parseArgs(std::vector<std::string>(argv + 1, argv + argc), std::getenv("LMX_DIR"));
     switch (parsed.kind) {
         case ParseResult::Kind::Help:
+        case ParseResult::Kind::Version:
             std::fputs(parsed.text.c_str(), stdout);
             return kExitOk;
         case ParseResult::Kind::Usage:
