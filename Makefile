@@ -17,10 +17,12 @@ build: deps
 test: build
 	@ctest --test-dir $(BUILD) --output-on-failure -j$(JOBS)
 
-# The lab of scripts/demo (root: namespaces and raw sockets); only the two programs it runs are built.
+# The lab of scripts/demo (root: namespaces and raw sockets); only the two programs it runs are built,
+# quietly: the build's output shows only when it fails.
 demo: deps
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) >/dev/null
-	@cmake --build $(BUILD) -j$(JOBS) --target solicd solicctl
+	@log=$$(mktemp); if cmake --build $(BUILD) -j$(JOBS) --target solicd solicctl >$$log 2>&1; then rm -f $$log; \
+	    else cat $$log >&2; rm -f $$log; echo "demo: the build failed (above)" >&2; exit 1; fi
 	@SOLICD_BIN=$(abspath $(BUILD))/bin scripts/demo
 
 # Every benchmark executable in build/bin named bench_*; figures are printed.

@@ -98,16 +98,19 @@ wait_demo 60
 [ "$status" = 0 ] || fail "the demo ended with status $status"
 [ $((SECONDS - start)) -lt 60 ] || fail "the demo took a minute or more"
 has "== Building the lab: namespace solicd-demo-rtr-$demo_pid (router) and solicd-demo-host-$demo_pid (solicd)"
-has_re '^  watch \| router_updated \{config: \{address: fe80::[0-9a-f:]+, reachableTime: 30000, retransTimer: 1000, routerLifetime: 30, flags: 0x4\}, status: \{id: 1, state: STATE_NEW,'
-has '  watch | network_updated {config: {prefix: 2001:db8:1::, prefixLength: 64, validLifetime: 86400, preferredLifetime: 14400, flags: 0x30}, status: {id: 1, state: STATE_NEW,'
-has '  watch | dns_servers_updated count: 2, servers: [{config: {index: 0, address: 2001:db8::53, lifetime: 8}'
-has '{config: {index: 1, address: 2001:db8::54, lifetime: 8}'
-has_re '^  show \| Routers:\{config: \{address: fe80::'
-has '  show | Networks:{config: {prefix: 2001:db8:1::, prefixLength: 64'
-has '  show | DNS Servers:{config: {index: 0, address: 2001:db8::53, lifetime: 8}'
-has_re '^  show \| Counters:\{rxRa: [1-9][0-9]*, txRs: [0-9]+, txRsFailed: 0, rxRejected: 0\}\{raParsed: [1-9][0-9]*, raDropped: 0,'
+clock='[0-9]{2}:[0-9]{2}:[0-9]{2}'
+has_re "^  watch \| $clock router  fe80::[0-9a-f:]+  STATE_NEW  lifetime 30s  O\$"
+has_re "^  watch \| $clock prefix  2001:db8:1::/64  STATE_NEW  valid 1d preferred 4h  L A\$"
+has_re "^  watch \| $clock dns     2001:db8::53 2001:db8::54  lifetime 8s\$"
+has_re '^  status \| solicd-demo: 1 router, 1 prefix, 2 DNS servers active$'
+has_re '^  status \| rx [1-9][0-9]* RAs, 0 rejected; [0-9]+ RS sent; parsed [1-9][0-9]*, dropped 0; prefixes [1-9][0-9]* accepted, 0 ignored$'
+has_re '^  status \| fe80::[0-9a-f:]+ +STATE_(NEW|UPDATED) +[0-9]+s +O +30s +1s +[0-9]+s ago$'
+has_re '^  status \| 2001:db8:1::/64 +STATE_(NEW|UPDATED) +(1d|23h 59m) +(3h 59m|4h) +L A$'
+has_re '^  status \| 2001:db8::53 +STATE_(NEW|UPDATED) +[0-9]s$'
 has '  routers | routers: 1'
-has_re '^  watch \| router_updated \{config: \{address: fe80::[0-9a-f:]+, reachableTime: 30000, retransTimer: 1000, routerLifetime: 0, flags: 0x4\}, status: \{id: 1, state: STATE_INVALIDATED,'
+has_re "^  watch \| $clock router  fe80::[0-9a-f:]+  STATE_INVALIDATED  lifetime 0s  O\$"
+has_re '^  status \| solicd-demo: 0 routers, 1 prefix, [0-2] DNS servers? active$'
+has_re '^  status \| fe80::[0-9a-f:]+ +STATE_INVALIDATED +expired +O '
 has "== Done: tearing the lab down"
 ! grep -q 'supervisor |\|restart requested' "$WORK/demo.out" || fail "solicd was restarted during the demo"
 nothing_left
@@ -115,7 +118,7 @@ nothing_left
 # ---- Interrupted by Ctrl-C once the updates are showing.
 run_demo
 deadline=$((SECONDS + 30))
-until grep -q '^  watch | dns_servers_updated' "$WORK/demo.out"; do
+until grep -Eq "^  watch \| $clock dns " "$WORK/demo.out"; do
     [ $SECONDS -lt $deadline ] || fail "no updates from the second demo"
     sleep 0.2
 done

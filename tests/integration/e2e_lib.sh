@@ -13,7 +13,10 @@ for exe in "$SOLICD" "$SOLICCTL" "$RA_SENDER"; do
     [ -x "$exe" ] || { echo "FAIL: $exe is not built"; exit 1; }
 done
 
+# The mailbox directory exists before anyone uses it, as the tmpfiles entry makes /run/lmx at
+# boot: solicctl never creates it.
 export LMX_DIR=$WORK/lmx
+mkdir -p "$LMX_DIR"
 RTR=seR$RUN            # the router's namespace
 HOST=seH$RUN           # solicd's namespace
 IR=er$RUN              # the router's end of the link

@@ -50,13 +50,20 @@ as_user()
     return $status
 }
 refused="solicctl: permission denied: you may not use the mailboxes in $LMX_DIR; join group $GROUP (then log in again) or run as root"
+# Every command, ls and watch included, names the permission rather than finding nothing.
 expect_refused()
 {
-    local status=0
-    as_user "$1" show "$DAEMON_MBOX" || status=$?
-    [ "$status" -eq 1 ] || fail "$2: solicctl show ended with $status, not 1"
-    [ "$(cat "$WORK/$1.err")" = "$refused" ] || fail "$2: solicctl said '$(cat "$WORK/$1.err")', not '$refused'"
-    [ ! -s "$WORK/$1.out" ] || fail "$2: solicctl printed $(cat "$WORK/$1.out")"
+    local status args
+    for args in "show $DAEMON_MBOX" "status $DAEMON_MBOX" "ls" "watch $CLIENT_MBOX --timeout 1"; do
+        status=0
+        # shellcheck disable=SC2086 # the words of one command line
+        as_user "$1" $args || status=$?
+        [ "$status" -eq 1 ] || fail "$2: solicctl $args ended with $status, not 1"
+        [ "$(cat "$WORK/$1.err")" = "$refused" ] ||
+            fail "$2: solicctl $args said '$(cat "$WORK/$1.err")', not '$refused'"
+        [ ! -s "$WORK/$1.out" ] || fail "$2: solicctl $args printed $(cat "$WORK/$1.out")"
+    done
+    [ ! -e "$LMX_DIR/$CLIENT_MBOX" ] || fail "$2: a refused watch left $LMX_DIR/$CLIENT_MBOX"
 }
 
 expect_refused outsider "not a member"
@@ -67,6 +74,9 @@ grep -q '^Counters:' "$WORK/member.out" || fail "a member's show has no counters
 [ ! -s "$WORK/member.err" ] || fail "a member's show wrote to stderr: $(cat "$WORK/member.err")"
 as_user member-ls ls || fail "a member's solicctl ls failed: $(cat "$WORK/member-ls.err")"
 grep -qx "$DAEMON_MBOX" "$WORK/member-ls.out" || fail "a member's ls lacks $DAEMON_MBOX: $(cat "$WORK/member-ls.out")"
+as_user member-status status "$DAEMON_MBOX" || fail "a member's solicctl status failed: $(cat "$WORK/member-status.err")"
+grep -q "^$DAEMON_MBOX: 0 routers, 0 prefixes, 0 DNS servers active\$" "$WORK/member-status.out" ||
+    fail "a member's status does not start as expected: $(cat "$WORK/member-status.out")"
 # A member may be the client: its mailbox belongs to the group and solicd sends it the cache.
 "${user_solicctl[@]}" watch "$CLIENT_MBOX" --json --count 1 --timeout 20 >"$WORK/watch.out" 2>"$WORK/watch.err" &
 WATCH_PID=$!
@@ -82,4 +92,4 @@ expect_json "$WORK/watch.out" 1 '.kind == "router_updated"' "a router update"
 gpasswd --delete "$USER_NAME" "$GROUP" >/dev/null
 expect_refused removed "removed from the group"
 alive "$SOLICD_PID" || fail "solicd ended"
-echo "PASS: group $GROUP grants solicctl show, ls and watch to a member and only to a member"
+echo "PASS: group $GROUP grants solicctl show, status, ls and watch to a member and only to a member"
