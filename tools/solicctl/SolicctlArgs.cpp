@@ -1,6 +1,9 @@
 #include "SolicctlArgs.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <iterator>
 #include <cstdlib>
 #include <optional>
 
@@ -22,6 +25,8 @@ const char* const kToolHelp =
     "  routers MBOX [--json]   print solicd's routers (routers request to MBOX)\n"
     "  watch MBOX [--json | --raw] [--count N] [--timeout SEC]\n"
     "                          act as solicd's client: create MBOX and print every update\n"
+    "  hooks MBOX [--daemon MBOX] [--hooks-dir DIR] [--namespace NS] [--interface IF]\n"
+    "                          act as solicd's client and run hook programs on every change\n"
     "  help [COMMAND]          this text, or one command's\n"
     "\n"
     "Options:\n"
@@ -73,6 +78,23 @@ const char* const kWatchHelp =
     "  --timeout SEC  stop after SEC seconds; with --count, fewer than N updates by then is a\n"
     "                 failure (exit status 1)\n";
 
+const char* const kHooksHelp =
+    "Usage: solicctl [--dir DIR] hooks MBOX [--daemon MBOX] [--hooks-dir DIR] [--namespace NS]\n"
+    "                [--interface IF] [--timeout SEC]\n"
+    "Creates mailbox MBOX (the name solicd was given with --destination), becomes solicd's\n"
+    "client, keeps the last state of every entry and, for every change, runs each executable\n"
+    "file of the hooks directory in name order, one at a time. The environment says what\n"
+    "happened: SOLICD_REASON, SOLICD_NAMESPACE, SOLICD_INTERFACE, SOLICD_MAILBOX, and the\n"
+    "entry's fields as new_... and old_... (see solicctl(1)). RESYNC runs once after each\n"
+    "whole-cache push. Runs until SIGINT or SIGTERM.\n"
+    "  --daemon MBOX    solicd's own mailbox (its --source): when it ends, the next cache it\n"
+    "                   pushes replaces everything known (RESYNC); without it a restart of\n"
+    "                   solicd goes unnoticed\n"
+    "  --hooks-dir DIR  the hook programs (default /etc/solicd/hooks.d)\n"
+    "  --namespace NS   passed to the hooks as SOLICD_NAMESPACE\n"
+    "  --interface IF   passed to the hooks as SOLICD_INTERFACE\n"
+    "  --timeout SEC    a hook running longer gets SIGTERM, SIGKILL 2 s later (default 10)\n";
+
 // What each command takes besides --dir and --help.
 enum Takes : unsigned {
     kMailbox = 1u << 0,
@@ -80,6 +102,7 @@ enum Takes : unsigned {
     kRaw = 1u << 2,
     kCount = 1u << 3,
     kTimeout = 1u << 4,
+    kHookOptions = 1u << 5,  // --daemon, --hooks-dir, --namespace, --interface
 };
 
 struct CommandSpec {
@@ -95,6 +118,39 @@ constexpr CommandSpec kCommands[] = {
     {"show", Command::Show, kMailbox | kTimeout, kShowHelp},
     {"routers", Command::Routers, kMailbox | kJson | kTimeout, kRoutersHelp},
     {"watch", Command::Watch, kMailbox | kJson | kRaw | kCount | kTimeout, kWatchHelp},
+    {"hooks", Command::Hooks, kMailbox | kTimeout | kHookOptions, kHooksHelp},
+};
+
+constexpr size_t kInterfaceNameMax = 15;  // IFNAMSIZ less its NUL
+
+// The hooks' string options: where each goes and what a valid value is.
+struct StringOption {
+    const char* name;
+    std::string Options::*member;
+    bool (*valid)(const std::string&);
+    const char* expected;
+};
+
+bool validDirectory(const std::string& value) {
+    return !value.empty();
+}
+
+bool validNamespace(const std::string& value) {
+    return !value.empty() && value.size() <= NAME_MAX && value.find('/') == std::string::npos && value != "." &&
+           value != "..";
+}
+
+bool validInterface(const std::string& value) {
+    return !value.empty() && value.size() <= kInterfaceNameMax && value.find('/') == std::string::npos &&
+           value.find_first_of(" \t\n:") == std::string::npos;
+}
+
+const StringOption kHookStringOptions[] = {
+    {"--daemon", &Options::daemon, isValidMailboxName,
+     "a mailbox name of 1 to 100 characters of A-Z a-z 0-9 . _ - not starting with '.'"},
+    {"--hooks-dir", &Options::hooksDir, validDirectory, "a directory"},
+    {"--namespace", &Options::netns, validNamespace, "a network namespace name"},
+    {"--interface", &Options::interface, validInterface, "an interface name of 1 to 15 characters"},
 };
 
 // "help" is a command word too, but runs nothing.
@@ -107,6 +163,15 @@ const CommandSpec* commandOf(const std::string& word) {
         }
     }
     return nullptr;
+}
+
+// A command option whose value is the next argument.
+bool takesValue(const std::string& arg) {
+    if (arg == "--count" || arg == "--timeout") {
+        return true;
+    }
+    return std::any_of(std::begin(kHookStringOptions), std::end(kHookStringOptions),
+                       [&](const StringOption& option) { return arg == option.name; });
 }
 
 bool isHelp(const std::string& arg) {
@@ -196,7 +261,7 @@ ParseResult parseArgs(const std::vector<std::string>& args, const char* envDir) 
             r.text = std::string("solicctl ") + SOLICD_VERSION + "\n";
             return r;
         } else if (args[i] == "--dir" ||
-                   (!words.empty() && (args[i] == "--count" || args[i] == "--timeout"))) {
+                   (!words.empty() && takesValue(args[i]))) {
             ++i;
         } else if (!args[i].empty() && args[i][0] != '-') {
             words.push_back(args[i]);
@@ -277,6 +342,24 @@ ParseResult parseArgs(const std::vector<std::string>& args, const char* envDir) 
                 continue;
             }
         }
+        if ((spec->takes & kHookOptions) != 0) {
+            bool matched = false;
+            for (const StringOption& option : kHookStringOptions) {
+                const OptionValue v = optionValue(args, i, option.name);
+                if (!v.matched) {
+                    continue;
+                }
+                if (v.missing || !option.valid(v.value)) {
+                    return usage(prefix + option.name + " needs " + option.expected, where);
+                }
+                o.*option.member = v.value;
+                matched = true;
+                break;
+            }
+            if (matched) {
+                continue;
+            }
+        }
         if (!arg.empty() && arg[0] == '-') {
             return usage(prefix + "unknown option '" + arg + "'", where);
         }
@@ -299,8 +382,8 @@ ParseResult parseArgs(const std::vector<std::string>& args, const char* envDir) 
     if (o.json && o.raw) {
         return usage(std::string(spec->word) + ": --json and --raw exclude each other", spec->word);
     }
-    if (o.command != Command::Watch && o.timeoutSec == 0) {
-        o.timeoutSec = kRequestTimeoutSec;
+    if (o.timeoutSec == 0 && o.command != Command::Watch) {
+        o.timeoutSec = o.command == Command::Hooks ? kHookTimeoutSec : kRequestTimeoutSec;
     }
     o.dir = dir ? *dir : (envDir != nullptr && envDir[0] != '\0' ? envDir : kDefaultDir);
     return r;

@@ -13,8 +13,10 @@ inline constexpr int kExitUsage = 2;
 
 inline constexpr const char* kDefaultDir = "/run/lmx";
 inline constexpr unsigned kRequestTimeoutSec = 5;
+inline constexpr unsigned kHookTimeoutSec = 10;
+inline constexpr const char* kDefaultHooksDir = "/etc/solicd/hooks.d";
 
-enum class Command { Ls, Show, Routers, Status, Watch };
+enum class Command { Ls, Show, Routers, Status, Watch, Hooks };
 
 struct Options {
     Command command = Command::Ls;
@@ -23,7 +25,12 @@ struct Options {
     bool json = false;
     bool raw = false;         // watch: the records' own stream forms
     uint64_t count = 0;       // watch: 0 means no limit
-    uint64_t timeoutSec = 0;  // watch: 0 means no limit; requests: kRequestTimeoutSec unless given
+    uint64_t timeoutSec = 0;  // watch: 0 means no limit; requests: kRequestTimeoutSec; hooks: each hook's limit
+    // hooks
+    std::string daemon;  // solicd's own mailbox, watched to learn of its restarts; empty: not watched
+    std::string hooksDir = kDefaultHooksDir;
+    std::string netns;
+    std::string interface;
 };
 
 struct ParseResult {

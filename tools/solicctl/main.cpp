@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "HooksCommand.h"
 #include "MailboxAccess.h"
 #include "SolIf.h"
 #include "SolTypesParse.h"
@@ -262,6 +263,8 @@ int run(const Options& o) {
                               [&](const SolifMessage& answer) { return printStatus(o, answer); });
         case Command::Watch:
             return runWatch(o);
+        case Command::Hooks:
+            return runHooks(o);
     }
     return kExitUsage;
 }
