@@ -131,6 +131,8 @@ expect_contents() {
 }
 expect_contents solicd usr/sbin/solicd usr/sbin/solicd-check-config usr/bin/solicctl usr/bin/solicd-trace \
     lib/systemd/system/solicd@.service lib/systemd/system/solicd.target usr/lib/tmpfiles.d/solicd.conf \
+    lib/systemd/system/solicd-hooks@.service usr/lib/solicd/hooks/resolv.conf usr/lib/solicd/hooks/resolved \
+    usr/lib/solicd/hooks/log etc/solicd/hooks.d/50-resolv.conf etc/solicd/hooks.d/60-resolved \
     usr/lib/sysusers.d/solicd.conf usr/share/man/man8/solicd.8.gz usr/share/man/man8/solicd-check-config.8.gz \
     usr/share/man/man1/solicctl.1.gz usr/share/man/man1/solicd-trace.1.gz usr/share/bash-completion/completions/solicctl \
     usr/share/doc/solicd/operator-guide.md usr/share/doc/solicd/client-protocol.md \

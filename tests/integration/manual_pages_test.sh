@@ -38,7 +38,7 @@ check_page solicctl.1 NAME SYNOPSIS DESCRIPTION COMMANDS OPTIONS "EXIT STATUS" E
     FILES EXAMPLES "SEE ALSO" \
     "solicctl [--dir DIR] ls" "solicctl [--dir DIR] show MBOX" \
     "solicctl [--dir DIR] routers MBOX [--json]" \
-    "solicctl [--dir DIR] watch MBOX [--json | --raw] [--count N] [--timeout SEC]" \
+    "solicctl [--dir DIR] watch MBOX [--json | --raw]" \
     "solicctl [--dir DIR] status MBOX [--json] [--timeout SEC]" "solicctl help [COMMAND]" \
     "solicctl [--dir DIR] hooks MBOX" "--dir DIR" --json --raw "--count N" "--timeout SEC" "-h, --help" \
     --version LMX_DIR NO_COLOR /run/lmx "request failed or timed out" "Usage error" router_updated \

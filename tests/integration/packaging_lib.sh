@@ -65,6 +65,10 @@ expected_install_files() {
         echo share/bash-completion/completions/solicctl
         echo lib/systemd/system/solicd@.service
         echo lib/systemd/system/solicd.target
+        echo lib/systemd/system/solicd-hooks@.service
+        echo lib/solicd/hooks/resolv.conf
+        echo lib/solicd/hooks/resolved
+        echo lib/solicd/hooks/log
         echo lib/tmpfiles.d/solicd.conf
         echo lib/sysusers.d/solicd.conf
         echo share/doc/solicd/instance.conf.example

@@ -70,6 +70,40 @@ TEST(SolicctlArgs, CommandsTakeTheirMailboxAndOptions) {
     EXPECT_EQ(r.options.timeoutSec, 0u) << "watch has no limit unless told";
 }
 
+TEST(SolicctlArgs, HooksTakeTheirDirectoryNamesAndLimit) {
+    ParseResult r = parse({"hooks", "client", "--daemon", "solicd.blue", "--hooks-dir=/tmp/h", "--namespace",
+                           "blue", "--interface", "eth0", "--timeout", "3"});
+    ASSERT_EQ(r.kind, ParseResult::Kind::Run) << r.text;
+    EXPECT_EQ(r.options.command, Command::Hooks);
+    EXPECT_EQ(r.options.mbox, "client");
+    EXPECT_EQ(r.options.daemon, "solicd.blue");
+    EXPECT_EQ(r.options.hooksDir, "/tmp/h");
+    EXPECT_EQ(r.options.netns, "blue");
+    EXPECT_EQ(r.options.interface, "eth0");
+    EXPECT_EQ(r.options.timeoutSec, 3u);
+
+    r = parse({"hooks", "client"});
+    ASSERT_EQ(r.kind, ParseResult::Kind::Run);
+    EXPECT_EQ(r.options.daemon, "") << "solicd's restarts not watched";
+    EXPECT_EQ(r.options.hooksDir, "/etc/solicd/hooks.d");
+    EXPECT_EQ(r.options.timeoutSec, 10u);
+
+    // An empty --daemon is solicd's own default name, as the unit passes an empty SOURCE.
+    r = parse({"hooks", "client", "--daemon=", "--namespace=blue", "--interface=eth0"});
+    ASSERT_EQ(r.kind, ParseResult::Kind::Run) << r.text;
+    EXPECT_EQ(r.options.daemon, "solcid.blue-eth0");
+    EXPECT_EQ(usageOf({"hooks", "client", "--daemon="}),
+              "solicctl: hooks: an empty --daemon names solicd's default mailbox, which needs --namespace and "
+              "--interface of mailbox-name characters; see 'solicctl hooks --help'");
+    EXPECT_EQ(usageOf({"hooks", "client", "--interface", "a-very-long-interface"}),
+              "solicctl: hooks: --interface needs an interface name of 1 to 15 characters; see 'solicctl hooks "
+              "--help'");
+    EXPECT_EQ(usageOf({"hooks", "client", "--namespace", "a/b"}),
+              "solicctl: hooks: --namespace needs a network namespace name; see 'solicctl hooks --help'");
+    EXPECT_EQ(usageOf({"watch", "client", "--daemon", "x"}),
+              "solicctl: watch: unknown option '--daemon'; see 'solicctl watch --help'");
+}
+
 TEST(SolicctlArgs, VersionAndHelpCommand) {
     EXPECT_EQ(parse({"--version"}).kind, ParseResult::Kind::Version);
     EXPECT_EQ(parse({"status", "x", "--version"}).text, "solicctl " SOLICD_VERSION "\n");

@@ -145,9 +145,17 @@ bool validInterface(const std::string& value) {
            value.find_first_of(" \t\n:") == std::string::npos;
 }
 
+// Empty: the name solicd gives its mailbox when --source is empty (resolved after parsing).
+bool validDaemon(const std::string& value) {
+    return value.empty() || isValidMailboxName(value);
+}
+
+constexpr const char* kDefaultDaemon = "\x01";
+
 const StringOption kHookStringOptions[] = {
-    {"--daemon", &Options::daemon, isValidMailboxName,
-     "a mailbox name of 1 to 100 characters of A-Z a-z 0-9 . _ - not starting with '.'"},
+    {"--daemon", &Options::daemon, validDaemon,
+     "a mailbox name of 1 to 100 characters of A-Z a-z 0-9 . _ - not starting with '.', or nothing for solicd's "
+     "default"},
     {"--hooks-dir", &Options::hooksDir, validDirectory, "a directory"},
     {"--namespace", &Options::netns, validNamespace, "a network namespace name"},
     {"--interface", &Options::interface, validInterface, "an interface name of 1 to 15 characters"},
@@ -352,7 +360,7 @@ ParseResult parseArgs(const std::vector<std::string>& args, const char* envDir) 
                 if (v.missing || !option.valid(v.value)) {
                     return usage(prefix + option.name + " needs " + option.expected, where);
                 }
-                o.*option.member = v.value;
+                o.*option.member = option.member == &Options::daemon && v.value.empty() ? kDefaultDaemon : v.value;
                 matched = true;
                 break;
             }
@@ -378,6 +386,16 @@ ParseResult parseArgs(const std::vector<std::string>& args, const char* envDir) 
     }
     if ((spec->takes & kMailbox) != 0 && o.mbox.empty()) {
         return usage(std::string(spec->word) + ": missing mailbox name", spec->word);
+    }
+    if (o.daemon == kDefaultDaemon) {
+        // solicd's own default: "solcid.NAMESPACE-INTERFACE", spelled as solicd spells it.
+        o.daemon = "solcid." + o.netns + "-" + o.interface;
+        if (o.netns.empty() || o.interface.empty() || !isValidMailboxName(o.daemon)) {
+            return usage(std::string(spec->word) +
+                             ": an empty --daemon names solicd's default mailbox, which needs --namespace and "
+                             "--interface of mailbox-name characters",
+                         spec->word);
+        }
     }
     if (o.json && o.raw) {
         return usage(std::string(spec->word) + ": --json and --raw exclude each other", spec->word);

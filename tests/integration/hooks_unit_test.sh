@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# solicd-hooks@.service passes `systemd-analyze verify` without a word and runs the hooks client
+# from the instance file solicd@.service reads, after solicd, writing only where the shipped
+# hooks write.
+source "$(dirname "$0")/packaging_lib.sh"
+need_tools systemd-analyze
+
+unit_src="$SOLICD_BUILD/packaging/solicd-hooks@.service"
+[ -f "$unit_src" ] || fail "$unit_src not built"
+
+# A scratch root holding the units, the program the Exec line names and its manual page.
+root=$work/root
+unitdir=$root$prefix/lib/systemd/system
+mkdir -p "$unitdir" "$root/usr/share/man/man1" "$root$prefix/bin"
+cp "$unit_src" "$SOLICD_SRC/packaging/solicd.target" "$SOLICD_BUILD/packaging/solicd@.service" "$unitdir/"
+cp "$SOLICD_BUILD/packaging/man/solicctl.1" "$root/usr/share/man/man1/"
+cp "$SOLICD_BUILD/bin/solicctl" "$root$prefix/bin/"
+
+instance=solicd-hooks@blue.service
+if ! MANPATH=$root/usr/share/man systemd-analyze verify --root="$root" --recursive-errors=no \
+    "$instance" >"$work/verify.log" 2>&1 || [ -s "$work/verify.log" ]; then
+    cat "$work/verify.log"
+    fail "systemd-analyze verify $instance is not clean"
+fi
+
+expect_line() {
+    grep -qxF -- "$1" "$unitdir/solicd-hooks@.service" || fail "the unit lacks the line: $1"
+}
+expect_line "EnvironmentFile=/etc/solicd/%i.conf"
+expect_line 'ExecStart='"$prefix"'/bin/solicctl hooks ${DESTINATION} --daemon=${SOURCE} --namespace=${NAMESPACE} --interface=${INTERFACE}'
+expect_line "After=solicd@%i.service"
+expect_line "PartOf=solicd.target"
+expect_line "ProtectSystem=strict"
+expect_line "ReadWritePaths=/run/lmx /etc/netns"
+
+# The command line the unit runs is one solicctl accepts, an empty SOURCE included: it gets as far
+# as looking for the mailbox directory (none here), not a usage error.
+status=0
+"$SOLICD_BUILD/bin/solicctl" --dir "$work/none" hooks client --daemon= --namespace=blue --interface=eth0 \
+    2>"$work/hooks.err" || status=$?
+[ "$status" -eq 1 ] && grep -q "^solicctl: no mailbox directory $work/none " "$work/hooks.err" ||
+    fail "solicctl refuses the unit's options: status $status, $(cat "$work/hooks.err")"
+echo "PASS: $instance verifies cleanly and runs the hooks client from the instance file"
