@@ -250,6 +250,16 @@ TEST(HookState, AResyncReplacesTheWholeStateOnce) {
     EXPECT_THAT(reasons(state.takeChanges()), ElementsAre("ROUTER_NEW", "ROUTER_UPDATED", "PREFIX_NEW"));
 }
 
+TEST(HookState, ThePushOfEveryKeptServerGivesTheActiveOnes) {
+    HookState state;
+    auto invalidated = dns("2001:db8::54", 1);
+    invalidated.m_status.state = static_cast<uint32_t>(sol_dns_server_state_t::STATE_INVALIDATED);
+    auto expired = dns("2001:db8::55", 2);
+    expired.m_status.state = static_cast<uint32_t>(sol_dns_server_state_t::STATE_EXPIRED);
+    state.add(update({dns("2001:db8::53", 0), invalidated, expired}));
+    EXPECT_EQ(variables(state.takeResync())["new_dns_servers"], "2001:db8::53");
+}
+
 TEST(HookState, AnEmptyPushEmptiesEverything) {
     HookState state;
     state.add(update({dns("2001:db8::53", 0)}));

@@ -1,6 +1,7 @@
 #include "HookState.h"
 
 #include <algorithm>
+#include <iterator>
 #include <type_traits>
 
 #include "RecordWords.h"
@@ -136,10 +137,16 @@ void HookState::add(const SolifMessage& m) {
             noteKey(key);
             break;
         }
-        case SOLIF_DNS_SERVER_UPDATED_IND:
-            m_pendingDns = m.dnsServers;
+        case SOLIF_DNS_SERVER_UPDATED_IND: {
+            // A change carries the active set; the whole-cache push carries every server solicd
+            // still keeps, expired and invalidated ones too. The hooks get the active ones.
+            std::vector<SolDnsServer> active;
+            std::copy_if(m.dnsServers.begin(), m.dnsServers.end(), std::back_inserter(active),
+                         [](const SolDnsServer& d) { return isActive(d); });
+            m_pendingDns = std::move(active);
             noteKey(kDnsKey);
             break;
+        }
         default:
             break;
     }

@@ -1,0 +1,142 @@
+#!/usr/bin/env bash
+# `solicctl hooks` between the real daemon and real hook programs, the shipped resolv.conf hook
+# among them: radvd's DNS servers reach `ip netns exec NS cat /etc/resolv.conf` within 2 s; an
+# RDNSS lifetime of 0 removes one; a hook that fails and one that sleeps past the limit are
+# reported and do not stop the others; the hooks client killed and started again, and solicd
+# restarted, each resync the file; the old values are right across a router's expiry and a
+# prefix's deprecation and expiry.
+source "$(dirname "$0")/e2e_lib.sh"
+command -v radvd >/dev/null || { echo "skipped: radvd is not installed (scripts/install-deps)"; exit 77; }
+
+netns_etc=/etc/netns/$HOST
+trap 'rm -rf "$netns_etc"; cleanup' EXIT
+
+# The hooks: the shipped resolv.conf hook, a recorder, one that always fails and one that sleeps
+# past the limit (ignoring SIGTERM) on the first resync.
+hooks=$WORK/hooks.d
+mkdir "$hooks"
+ln -s "$SOLICD_SRC/packaging/hooks/resolv.conf" "$hooks/50-resolv.conf"
+cat >"$hooks/60-record" <<HOOK
+#!/bin/sh
+printf '%s|%s|%s|%s|%s|%s|%s\n' "\$SOLICD_REASON" "\$new_address\$new_prefix" "\$new_state" "\$old_state" \
+    "\$old_router_lifetime\$old_valid_lifetime/\$old_preferred_lifetime" "\$new_dns_servers" "\$old_dns_servers" \
+    >>"$WORK/events.txt"
+HOOK
+printf '#!/bin/sh\nexit 1\n' >"$hooks/70-fails"
+printf '#!/bin/sh\n[ -e "%s" ] && exit 0\ntouch "%s"\ntrap "" TERM\nsleep 30\n' "$WORK/slept" "$WORK/slept" >"$hooks/80-slow"
+chmod 755 "$hooks/60-record" "$hooks/70-fails" "$hooks/80-slow"
+
+start_hooks()
+{
+    "$SOLICCTL" hooks "$CLIENT_MBOX" --daemon "$DAEMON_MBOX" --hooks-dir "$hooks" --namespace "$HOST" \
+        --interface "$IH" --timeout 1 >>"$WORK/hooks.out" 2>>"$WORK/hooks.err" &
+    HOOKS_PID=$!
+    PIDS+=("$HOOKS_PID")
+    wait_socket "$LMX_DIR/$CLIENT_MBOX" 5
+}
+
+# resolv_conf: /etc/resolv.conf as the namespace's programs see it.
+resolv_conf() { ip netns exec "$HOST" cat /etc/resolv.conf 2>/dev/null; }
+marker="# Written by solicd's resolv.conf hook from the Router Advertisements on $IH; do not edit."
+
+# wait_resolv SECONDS LINES...: until the namespace's resolv.conf is the marker and exactly LINES.
+wait_resolv()
+{
+    local seconds=$1 want
+    shift
+    want=$(printf '%s\n' "$marker" "$@")
+    local deadline=$((SECONDS + seconds))
+    until [ "$(resolv_conf)" = "$want" ]; do
+        [ $SECONDS -lt $deadline ] || fail "resolv.conf after $seconds s: '$(resolv_conf)', not '$want'"
+        sleep 0.1
+    done
+}
+
+lab_up
+start_radvd "
+    AdvSendAdvert on;
+    MinRtrAdvInterval 3;
+    MaxRtrAdvInterval 4;
+    AdvDefaultLifetime 600;
+    prefix 2001:db8:1::/64 {
+        AdvOnLink on;
+        AdvAutonomous on;
+    };
+    RDNSS 2001:db8::53 2001:db8::54 {
+        AdvRDNSSLifetime 600;
+    };"
+start_hooks
+start_solicd
+wait_ready 20
+wait_show "address: 2001:db8::54" 20
+# Within 2 s of the RA that brought the servers (the slow hook ran past its limit meanwhile).
+wait_resolv 2 "nameserver 2001:db8::53" "nameserver 2001:db8::54"
+[ "$(stat -c %a "$netns_etc/resolv.conf")" = 644 ] || fail "resolv.conf has mode $(stat -c %a "$netns_etc/resolv.conf")"
+deadline=$((SECONDS + 10))
+until grep -q "80-slow for RESYNC ran past 1 s and was ended" "$WORK/hooks.err"; do
+    [ $SECONDS -lt $deadline ] || fail "the slow hook was not reported"
+    sleep 0.2
+done
+grep -q "^solicctl: hook 70-fails for RESYNC failed with exit status 1$" "$WORK/hooks.err" ||
+    fail "the failing hook was not reported"
+grep -q "^RESYNC||||/|2001:db8::53 2001:db8::54|$" "$WORK/events.txt" || fail "no RESYNC with both servers"
+
+# A second router: it expires after 2 s; its prefix is deprecated after 2 s and expires after 6 s.
+# radvd goes first, without its goodbye RA, and before the address exists that it would take up.
+kill -KILL "$RADVD_PID"
+wait "$RADVD_PID" 2>/dev/null || true
+router_address fe80::a
+send_ra fe80::a lifetime=2 prefix=2001:db8:dead::/64,6,2 rdnss=0,2001:db8::54
+wait_resolv 5 "nameserver 2001:db8::53"
+events=$WORK/events.txt
+deadline=$((SECONDS + 15))
+until grep -q "^PREFIX_EXPIRED|2001:db8:dead::|" "$events"; do
+    [ $SECONDS -lt $deadline ] || fail "no PREFIX_EXPIRED: $(cat "$events")"
+    sleep 0.2
+done
+grep -q "^DNS_CHANGED||||/|2001:db8::53|2001:db8::53 2001:db8::54$" "$events" || fail "no DNS_CHANGED to 53 alone"
+grep -q "^ROUTER_NEW|fe80::a|STATE_NEW||/|" "$events" || fail "no ROUTER_NEW for fe80::a"
+grep -q "^ROUTER_EXPIRED|fe80::a|STATE_EXPIRED|STATE_NEW|2/|" "$events" ||
+    fail "ROUTER_EXPIRED without the old values: $(grep fe80::a "$events")"
+grep -q "^PREFIX_EXPIRED|2001:db8:dead::|STATE_EXPIRED|STATE_NEW|6/2|" "$events" ||
+    fail "PREFIX_EXPIRED without the old values: $(grep dead "$events")"
+
+# The hooks client killed and started again: the file is written afresh from the push.
+kill -KILL "$HOOKS_PID"
+wait "$HOOKS_PID" 2>/dev/null || true
+printf '%s\nnameserver 2001:db8::99\n' "$marker" >"$netns_etc/resolv.conf"
+start_hooks
+wait_resolv 5 "nameserver 2001:db8::53"
+
+# solicd restarted: it starts from an empty cache, so what it has not announced again is gone.
+kill -TERM "$SOLICD_PID"
+wait "$SOLICD_PID" 2>/dev/null || true
+deadline=$((SECONDS + 5))
+until grep -q "'$DAEMON_MBOX' ended; waiting for it to come back" "$WORK/hooks.err"; do
+    [ $SECONDS -lt $deadline ] || fail "the end of solicd was not noticed"
+    sleep 0.1
+done
+before=$(grep -c '^RESYNC' "$events")
+start_solicd
+wait_ready 20
+deadline=$((SECONDS + 10))
+until [ "$(grep -c '^RESYNC' "$events")" -gt "$before" ]; do
+    [ $SECONDS -lt $deadline ] || fail "no RESYNC after solicd came back"
+    sleep 0.2
+done
+# Nothing answers the new solicd's solicitation (radvd is gone, the crafted router expired).
+grep -q "^RESYNC||||/||2001:db8::53$" "$events" || fail "no RESYNC from 53 to none: $(tail -n 3 "$events")"
+[ ! -e "$netns_etc/resolv.conf" ] || fail "the servers of the old solicd stayed: $(cat "$netns_etc/resolv.conf")"
+
+# A file solicd did not write is left alone.
+printf 'nameserver 192.0.2.1\n' >"$netns_etc/resolv.conf"
+send_ra fe80::a lifetime=600 rdnss=600,2001:db8::55
+deadline=$((SECONDS + 5))
+until grep -q "was not written by solicd; left alone" "$WORK/hooks.err"; do
+    [ $SECONDS -lt $deadline ] || fail "the hook did not leave a foreign file alone"
+    sleep 0.1
+done
+[ "$(cat "$netns_etc/resolv.conf")" = "nameserver 192.0.2.1" ] || fail "a foreign resolv.conf was changed"
+
+alive "$HOOKS_PID" || fail "solicctl hooks ended"
+echo "PASS"
