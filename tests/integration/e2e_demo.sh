@@ -89,6 +89,7 @@ nothing_left()
         fail "process left: $pid $(tr '\0' ' ' <"/proc/$pid/cmdline" 2>/dev/null)"
     done
     [ -z "$(ls -A "$TMPDIR")" ] || fail "files left: $(ls -A "$TMPDIR")"
+    [ ! -e "/etc/netns/solicd-demo-host-$demo_pid" ] || fail "left /etc/netns/solicd-demo-host-$demo_pid"
 }
 
 # ---- To its end.
@@ -111,6 +112,10 @@ has '  routers | routers: 1'
 has_re "^  watch \| $clock router  fe80::[0-9a-f:]+  STATE_INVALIDATED  lifetime 0s  O\$"
 has_re '^  status \| solicd-demo: 0 routers, 1 prefix, [0-2] DNS servers? active$'
 has_re '^  status \| fe80::[0-9a-f:]+ +STATE_INVALIDATED +expired +O '
+has "== ip netns exec solicd-demo-host-$demo_pid cat /etc/resolv.conf (managed by the hook)"
+has "  resolv.conf | # Written by solicd's resolv.conf hook from the Router Advertisements on veth-host; do not edit."
+has "  resolv.conf | nameserver 2001:db8::53"
+has "  resolv.conf | nameserver 2001:db8::54"
 has "== Done: tearing the lab down"
 ! grep -q 'supervisor |\|restart requested' "$WORK/demo.out" || fail "solicd was restarted during the demo"
 nothing_left
