@@ -93,6 +93,9 @@ done
 #   misspellings included; operators and tools search for them as they are.
 # - exit-in-shared-library (experimental): ending the process with status 70 is what the restart
 #   library is for; the supervisor starts the daemon again.
+# - executable-in-usr-lib (experimental): the shipped hooks live in /usr/lib/solicd/hooks, where
+#   the links in /etc/solicd/hooks.d and the documents point; they are run by solicctl, not by
+#   people, which is what the package's own directory under /usr/lib is for.
 lib_file() { echo "usr/lib/$multiarch/lib$1.so.$version"; }
 expected_tags="I: liblmx0: no-symbols-control-file $(lib_file lmx)
 I: librestart0: no-symbols-control-file $(lib_file restart)
@@ -103,7 +106,10 @@ I: solicd: spelling-error-in-binary Attemp Attempt [usr/sbin/solicd]
 I: solicd: spelling-error-in-binary Recevied Received [usr/sbin/solicd]
 I: solicd: spelling-error-in-binary initilize initialize [usr/sbin/solicd]
 I: solicd: spelling-error-in-binary initilized initialized [usr/sbin/solicd]
-X: librestart0: exit-in-shared-library [$(lib_file restart)]"
+X: librestart0: exit-in-shared-library [$(lib_file restart)]
+X: solicd: executable-in-usr-lib [usr/lib/solicd/hooks/log]
+X: solicd: executable-in-usr-lib [usr/lib/solicd/hooks/resolv.conf]
+X: solicd: executable-in-usr-lib [usr/lib/solicd/hooks/resolved]"
 lintian --pedantic --display-info --display-experimental "$pkgdir/solicd_${version}_$arch.changes" \
     >"$work/lintian.out" 2>&1 || true
 grep -v 'running with root privileges is not recommended' "$work/lintian.out" | LC_ALL=C sort >"$work/tags"

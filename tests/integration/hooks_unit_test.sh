@@ -17,11 +17,7 @@ cp "$SOLICD_BUILD/packaging/man/solicctl.1" "$root/usr/share/man/man1/"
 cp "$SOLICD_BUILD/bin/solicctl" "$root$prefix/bin/"
 
 instance=solicd-hooks@blue.service
-if ! MANPATH=$root/usr/share/man systemd-analyze verify --root="$root" --recursive-errors=no \
-    "$instance" >"$work/verify.log" 2>&1 || [ -s "$work/verify.log" ]; then
-    cat "$work/verify.log"
-    fail "systemd-analyze verify $instance is not clean"
-fi
+verify_unit "$root" "$instance"
 
 expect_line() {
     grep -qxF -- "$1" "$unitdir/solicd-hooks@.service" || fail "the unit lacks the line: $1"

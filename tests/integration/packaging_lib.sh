@@ -110,3 +110,15 @@ check_elf() {
         [[ "$paths" != *"$SOLICD_BUILD"* ]] || fail "$f keeps a search path into the build tree: $paths"
     done < <(find "$root$prefix" -type f \( -name '*.so.*' -o -path '*bin/*' \))
 }
+
+# verify_unit ROOT INSTANCE: `systemd-analyze verify` of INSTANCE in the scratch root ROOT (its
+# manual pages in ROOT/usr/share/man) says nothing. --recursive-errors=no: the scratch root has
+# no sysinit.target and the like to depend on.
+verify_unit()
+{
+    if ! MANPATH=$1/usr/share/man systemd-analyze verify --root="$1" --recursive-errors=no \
+        "$2" >"$work/verify.log" 2>&1 || [ -s "$work/verify.log" ]; then
+        cat "$work/verify.log"
+        fail "systemd-analyze verify $2 is not clean"
+    fi
+}
