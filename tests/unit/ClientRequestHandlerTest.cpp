@@ -3,8 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <sstream>
+
 #include "HandlerDoubles.h"
 #include "RaVectors.h"
+#include "SolTypesParse.h"
 
 using namespace solicd;
 using namespace solicd::test;
@@ -299,6 +303,47 @@ TEST_F(ClientRequestTest, ShowCacheRequestIsAnsweredWithTheTextDumpToItsSender) 
     EXPECT_EQ(m_data.responded[0].decoded.msgNo, SOLIF_SHOW_RAINFO_CFM);
     EXPECT_EQ(m_data.responded[0].decoded.text, expected);
     EXPECT_EQ(m_data.responded[0].size, expected.size() + 1 + 12);
+}
+
+// What clients read the dump with (solicctl status) reads the daemon's own answer back into the
+// very records of the cache, and prints it again letter for letter.
+TEST_F(ClientRequestTest, ShowCacheAnswerReadsBackIntoTheCachedRecords) {
+    fillCache();
+    nextMessage(SOLIF_SHOW_RAINFO_REQ, kOtherClient, LmxMgr::DST_MBOX_STATE_CONNECTED);
+    m_logic.handleLmxEvent();
+    ASSERT_EQ(m_data.responded.size(), 1u);
+    const std::string& text = m_data.responded[0].decoded.text;
+    SolCacheText parsed;
+    std::string error;
+    ASSERT_TRUE(solParseCacheText(text, parsed, error)) << error;
+    const auto same = [](const auto& a, const auto& b) {
+        return std::memcmp(&a.m_config.data(), &b.m_config.data(), sizeof a.m_config.data()) == 0 &&
+               std::memcmp(&a.m_status.data(), &b.m_status.data(), sizeof a.m_status.data()) == 0;
+    };
+    ASSERT_EQ(parsed.routers.size(), 2u);
+    EXPECT_TRUE(same(parsed.routers[0], static_cast<const SolRouter&>(*router("router/fe80::1"))));
+    EXPECT_TRUE(same(parsed.routers[1], static_cast<const SolRouter&>(*router("router/fe80::2"))));
+    ASSERT_EQ(parsed.networks.size(), 1u);
+    EXPECT_TRUE(
+        same(parsed.networks[0], static_cast<const SolNetwork&>(*network("network/2001:db8:1::/64"))));
+    ASSERT_EQ(parsed.dnsServers.size(), 3u);
+    EXPECT_TRUE(same(parsed.dnsServers[2], static_cast<const SolDnsServer&>(*dnsServer("dns/2001:db8::55"))));
+    EXPECT_EQ(parsed.packetCounters.m_counters.raParsed, 1u);
+    std::ostringstream again;
+    again << "\nRouters:";
+    for (const auto& r : parsed.routers) {
+        again << r << "\n";
+    }
+    again << "\nNetworks:";
+    for (const auto& n : parsed.networks) {
+        again << n << "\n";
+    }
+    again << "\nDNS Servers:";
+    for (const auto& d : parsed.dnsServers) {
+        again << d << "\n";
+    }
+    again << "\nCounters:" << parsed.socketCounters << parsed.packetCounters;
+    EXPECT_EQ(again.str(), text);
 }
 
 TEST_F(ClientRequestTest, ShowCacheOfAnEmptyCacheHasTheHeadingsAndCounters) {

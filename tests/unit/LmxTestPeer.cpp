@@ -31,7 +31,9 @@ const char* const kUsage =
     "  vanish     end without answering at the first request\n"
     "  publish    when SUBSCRIBER connects, send: router 1 update, network 1 update, DNS list of\n"
     "             servers 0 and 1, a router update of 100 bytes, a message numbered 0x1234, and\n"
-    "             router 2 update; again on every reconnection\n";
+    "             router 2 update; again on every reconnection\n"
+    "  burst      when SUBSCRIBER connects, send router 1 update; on SIGUSR1 send 100 updates of\n"
+    "             network 1 with valid lifetimes 1 to 100 and print \"burst\"\n";
 
 void sendRaw(LmxMgr& mgr, size_t size, uint32_t msgNo, uint32_t count) {
     LmxMgr::Message m;
@@ -54,6 +56,21 @@ void publish(LmxMgr& mgr) {
     sendRaw(mgr, sizeof(uint32_t), kForeignMsgNo, 0);
     m.setTxRouterUpdatedInd(makeRouter(2));
     mgr.notify(m);
+}
+
+// One prefix, changed 100 times in a row: its valid lifetime counts 1 to 100.
+void burst(LmxMgr& mgr) {
+    constexpr uint32_t kUpdates = 100;
+    for (uint32_t i = 1; i <= kUpdates; ++i) {
+        SolNetwork n = makeNetwork(1);
+        n.m_config.validLifetime = i;
+        n.m_status.state = static_cast<uint32_t>(sol_network_state_t::STATE_NEW);
+        LmxMgr::Message m;
+        m.setTxNetworkUpdatedInd(n);
+        mgr.notify(m);
+    }
+    std::printf("burst\n");
+    std::fflush(stdout);
 }
 
 // Answers one request as `mode` says; false when the peer is to end.
@@ -95,6 +112,7 @@ int main(int argc, char** argv) {
     sigemptyset(&set);
     sigaddset(&set, SIGINT);
     sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGUSR1);
     sigprocmask(SIG_BLOCK, &set, nullptr);
     const int sigFd = signalfd(-1, &set, SFD_CLOEXEC);
 
@@ -107,7 +125,16 @@ int main(int argc, char** argv) {
     std::fflush(stdout);
     for (;;) {
         pollfd fds[] = {{mgr.getFd(), POLLIN, 0}, {sigFd, POLLIN, 0}};
-        if (poll(fds, 2, -1) < 0 || (fds[1].revents & POLLIN) != 0) {
+        if (poll(fds, 2, -1) < 0) {
+            break;
+        }
+        if ((fds[1].revents & POLLIN) != 0) {
+            signalfd_siginfo info{};
+            if (read(sigFd, &info, sizeof info) == sizeof info && info.ssi_signo == SIGUSR1 &&
+                mode == "burst") {
+                burst(mgr);
+                continue;
+            }
             break;
         }
         const uint32_t before = mgr.getDstMboxState();
@@ -115,9 +142,15 @@ int main(int argc, char** argv) {
         if (mgr.receive(request) != 0) {
             continue;
         }
-        if (mode == "publish" && before != LmxMgr::DST_MBOX_STATE_CONNECTED &&
+        if (before != LmxMgr::DST_MBOX_STATE_CONNECTED &&
             mgr.getDstMboxState() == LmxMgr::DST_MBOX_STATE_CONNECTED) {
-            publish(mgr);
+            if (mode == "publish") {
+                publish(mgr);
+            } else if (mode == "burst") {
+                LmxMgr::Message m;
+                m.setTxRouterUpdatedInd(makeRouter(1));
+                mgr.notify(m);
+            }
         }
         if (mode != "silent" && !answer(mgr, mode, request)) {
             _exit(0);  // gone without a word, as a crashed daemon would be

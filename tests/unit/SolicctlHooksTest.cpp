@@ -324,20 +324,23 @@ protected:
 
 TEST_F(HookRunnerTest, HooksRunInNameOrderWithTheEnvironmentIntact) {
     hook("20-second", "echo \"second $SOLICD_REASON\" >>" + m_dir + "/log");
-    hook("10-first", "printf '%s|%s|%s|%s|%s\\n' \"$SOLICD_REASON\" \"$SOLICD_NAMESPACE\" \"$new_address\" "
-                     "\"$old_address\" \"$SOLICD_MAILBOX\" >>" +
-                         m_dir + "/log");
+    hook("10-first",
+         "printf '%s|%s|%s|%s|%s\\n' \"$SOLICD_REASON\" \"$SOLICD_NAMESPACE\" \"$new_address\" "
+         "\"$old_address\" \"$SOLICD_MAILBOX\" >>" +
+             m_dir + "/log");
     hook("30-not-executable", "echo never >>" + m_dir + "/log", false);
     hook(".hidden", "echo never >>" + m_dir + "/log");
-    HookRunner runner(m_dir + "/hooks.d", std::chrono::seconds(10),
-                      {{"SOLICD_NAMESPACE", "blue ns 'quoted' \"twice\" $HOME `x`"}, {"SOLICD_MAILBOX", "client"}});
+    HookRunner runner(
+        m_dir + "/hooks.d", std::chrono::seconds(10),
+        {{"SOLICD_NAMESPACE", "blue ns 'quoted' \"twice\" $HOME `x`"}, {"SOLICD_MAILBOX", "client"}});
     HookEvent e;
     e.reason = "ROUTER_NEW";
     e.variables = {{"new_address", "fe80::1"}, {"old_address", ""}};
     runner.enqueue(e);
     EXPECT_TRUE(runner.busy());
     runToEnd(runner);
-    EXPECT_EQ(read("log"), "ROUTER_NEW|blue ns 'quoted' \"twice\" $HOME `x`|fe80::1||client\nsecond ROUTER_NEW\n");
+    EXPECT_EQ(read("log"),
+              "ROUTER_NEW|blue ns 'quoted' \"twice\" $HOME `x`|fe80::1||client\nsecond ROUTER_NEW\n");
 }
 
 TEST_F(HookRunnerTest, AFailingAndASlowHookAreReportedAndTheOthersStillRun) {

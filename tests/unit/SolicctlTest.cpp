@@ -497,4 +497,67 @@ TEST_F(SolicctlTest, ColourOnATerminalOnlyAndNeverWithNoColor) {
     EXPECT_EQ(piped.out.find('\033'), std::string::npos) << piped.out;
 }
 
+// Until `path` exists, or the guard.
+bool waitForFile(const std::string& path) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!std::filesystem::exists(path)) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+std::string fileText(const std::string& path) {
+    std::ifstream in(path);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+// 100 updates of one prefix arrive while the resync's hook runs: the mailbox is read all along,
+// and when the hook is done the hooks see the prefix once, in its final state.
+TEST_F(SolicctlTest, HooksMergeWhatArrivesWhileAHookRuns) {
+    const std::string hooks = m_dir + "/hooks.d";
+    std::filesystem::create_directory(hooks);
+    {
+        std::ofstream hook(hooks + "/10-record");
+        hook << "#!/bin/sh\n"
+             << "echo \"$SOLICD_REASON|$new_prefix|$new_valid_lifetime|$old_valid_lifetime\" >>" << m_dir
+             << "/events\n"
+             << "[ \"$SOLICD_REASON\" = RESYNC ] || exit 0\n"
+             << "touch " << m_dir << "/started\n"
+             << "while [ ! -e " << m_dir << "/release ]; do sleep 0.02; done\n";
+    }
+    std::filesystem::permissions(hooks + "/10-record", std::filesystem::perms::owner_all);
+    startPeer("burst", "solicd", "client");
+    auto client = start({"hooks", "client", "--hooks-dir", hooks});
+    ASSERT_TRUE(waitForFile(m_dir + "/started")) << "no RESYNC";
+    m_peers.back()->signal(SIGUSR1);
+    EXPECT_EQ(m_peers.back()->readLine(), "burst");
+    // The burst is in solicctl's hands (or on its way): let the hook end.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    std::ofstream(m_dir + "/release") << "";
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (fileText(m_dir + "/events").find("PREFIX_NEW") == std::string::npos &&
+           std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    client->signal(SIGTERM);
+    std::string err;
+    EXPECT_EQ(client->finish(nullptr, &err), 0) << err;
+    EXPECT_EQ(fileText(m_dir + "/events"), "RESYNC|||\nPREFIX_NEW|2001:db8:1::|100|\n");
+    EXPECT_EQ(err, "");
+}
+
+TEST_F(SolicctlTest, HooksWithoutProgramsSayItOnceAtStart) {
+    auto client = start({"hooks", "client", "--hooks-dir", m_dir + "/none"});
+    ASSERT_TRUE(waitForMailbox("client"));
+    client->signal(SIGTERM);
+    std::string err;
+    EXPECT_EQ(client->finish(nullptr, &err), 0);
+    EXPECT_EQ(err, "solicctl: no hook programs in " + m_dir +
+                       "/none (missing or empty); nothing will run until some are there\n");
+}
+
 }  // namespace

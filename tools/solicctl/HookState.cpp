@@ -61,7 +61,8 @@ void routerVariables(Variables& v, const char* prefix, const SolRouter* r) {
                    value([](const SolRouter& x) { return std::to_string(x.m_config.reachableTime); }));
     v.emplace_back(p + "retrans_timer",
                    value([](const SolRouter& x) { return std::to_string(x.m_config.retransTimer); }));
-    v.emplace_back(p + "flags", value([](const SolRouter& x) { return routerFlagLetters(x.m_config.flags); }));
+    v.emplace_back(p + "flags",
+                   value([](const SolRouter& x) { return routerFlagLetters(x.m_config.flags); }));
 }
 
 void prefixVariables(Variables& v, const char* prefix, const SolNetwork* n) {
@@ -78,7 +79,8 @@ void prefixVariables(Variables& v, const char* prefix, const SolNetwork* n) {
                    value([](const SolNetwork& x) { return std::to_string(x.m_config.validLifetime); }));
     v.emplace_back(p + "preferred_lifetime",
                    value([](const SolNetwork& x) { return std::to_string(x.m_config.preferredLifetime); }));
-    v.emplace_back(p + "flags", value([](const SolNetwork& x) { return prefixFlagLetters(x.m_config.flags); }));
+    v.emplace_back(p + "flags",
+                   value([](const SolNetwork& x) { return prefixFlagLetters(x.m_config.flags); }));
 }
 
 std::string addresses(const std::vector<SolDnsServer>& servers) {
@@ -89,7 +91,8 @@ std::string addresses(const std::vector<SolDnsServer>& servers) {
     return text;
 }
 
-void dnsVariables(Variables& v, const std::vector<SolDnsServer>& before, const std::vector<SolDnsServer>& after) {
+void dnsVariables(Variables& v, const std::vector<SolDnsServer>& before,
+                  const std::vector<SolDnsServer>& after) {
     v.emplace_back("new_dns_servers", addresses(after));
     v.emplace_back("old_dns_servers", addresses(before));
 }

@@ -71,7 +71,8 @@ int runHooks(const Options& o) {
         return kExitFailed;
     }
     if (hookPrograms(o.hooksDir).empty()) {
-        say("no hook programs in " + o.hooksDir + " (missing or empty); nothing will run until some are there");
+        say("no hook programs in " + o.hooksDir +
+            " (missing or empty); nothing will run until some are there");
     }
     const TerminationSignals signals;
     LmxSession session;
@@ -79,8 +80,9 @@ int runHooks(const Options& o) {
         say(error);
         return kExitFailed;
     }
-    HookRunner runner(o.hooksDir, std::chrono::seconds(o.timeoutSec),
-                      {{"SOLICD_NAMESPACE", o.netns}, {"SOLICD_INTERFACE", o.interface}, {"SOLICD_MAILBOX", o.mbox}});
+    HookRunner runner(
+        o.hooksDir, std::chrono::seconds(o.timeoutSec),
+        {{"SOLICD_NAMESPACE", o.netns}, {"SOLICD_INTERFACE", o.interface}, {"SOLICD_MAILBOX", o.mbox}});
     HookState state;
     PushWindow push;
     // Without solicd's own mailbox the push is expected once, now; with it, whenever solicd

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <iterator>
 #include <cstdlib>
+#include <iterator>
 #include <optional>
 
 namespace solicd::ctl {
@@ -136,8 +136,8 @@ bool validDirectory(const std::string& value) {
 }
 
 bool validNamespace(const std::string& value) {
-    return !value.empty() && value.size() <= NAME_MAX && value.find('/') == std::string::npos && value != "." &&
-           value != "..";
+    return !value.empty() && value.size() <= NAME_MAX && value.find('/') == std::string::npos &&
+           value != "." && value != "..";
 }
 
 bool validInterface(const std::string& value) {
@@ -154,7 +154,8 @@ constexpr const char* kDefaultDaemon = "\x01";
 
 const StringOption kHookStringOptions[] = {
     {"--daemon", &Options::daemon, validDaemon,
-     "a mailbox name of 1 to 100 characters of A-Z a-z 0-9 . _ - not starting with '.', or nothing for solicd's "
+     "a mailbox name of 1 to 100 characters of A-Z a-z 0-9 . _ - not starting with '.', or nothing for "
+     "solicd's "
      "default"},
     {"--hooks-dir", &Options::hooksDir, validDirectory, "a directory"},
     {"--namespace", &Options::netns, validNamespace, "a network namespace name"},
@@ -268,8 +269,7 @@ ParseResult parseArgs(const std::vector<std::string>& args, const char* envDir) 
             r.kind = ParseResult::Kind::Version;
             r.text = std::string("solicctl ") + SOLICD_VERSION + "\n";
             return r;
-        } else if (args[i] == "--dir" ||
-                   (!words.empty() && takesValue(args[i]))) {
+        } else if (args[i] == "--dir" || (!words.empty() && takesValue(args[i]))) {
             ++i;
         } else if (!args[i].empty() && args[i][0] != '-') {
             words.push_back(args[i]);
@@ -360,7 +360,8 @@ ParseResult parseArgs(const std::vector<std::string>& args, const char* envDir) 
                 if (v.missing || !option.valid(v.value)) {
                     return usage(prefix + option.name + " needs " + option.expected, where);
                 }
-                o.*option.member = option.member == &Options::daemon && v.value.empty() ? kDefaultDaemon : v.value;
+                o.*option.member =
+                    option.member == &Options::daemon && v.value.empty() ? kDefaultDaemon : v.value;
                 matched = true;
                 break;
             }
@@ -391,10 +392,11 @@ ParseResult parseArgs(const std::vector<std::string>& args, const char* envDir) 
         // solicd's own default: "solcid.NAMESPACE-INTERFACE", spelled as solicd spells it.
         o.daemon = "solcid." + o.netns + "-" + o.interface;
         if (o.netns.empty() || o.interface.empty() || !isValidMailboxName(o.daemon)) {
-            return usage(std::string(spec->word) +
-                             ": an empty --daemon names solicd's default mailbox, which needs --namespace and "
-                             "--interface of mailbox-name characters",
-                         spec->word);
+            return usage(
+                std::string(spec->word) +
+                    ": an empty --daemon names solicd's default mailbox, which needs --namespace and "
+                    "--interface of mailbox-name characters",
+                spec->word);
         }
     }
     if (o.json && o.raw) {

@@ -23,9 +23,10 @@ struct Options {
     std::string dir;   // resolved: --dir, then $LMX_DIR, then /run/lmx
     std::string mbox;  // the mailbox of every command but ls
     bool json = false;
-    bool raw = false;         // watch: the records' own stream forms
-    uint64_t count = 0;       // watch: 0 means no limit
-    uint64_t timeoutSec = 0;  // watch: 0 means no limit; requests: kRequestTimeoutSec; hooks: each hook's limit
+    bool raw = false;    // watch: the records' own stream forms
+    uint64_t count = 0;  // watch: 0 means no limit
+    uint64_t timeoutSec =
+        0;  // watch: 0 means no limit; requests: kRequestTimeoutSec; hooks: each hook's limit
     // hooks
     std::string daemon;  // solicd's own mailbox, watched to learn of its restarts; empty: not watched
     std::string hooksDir = kDefaultHooksDir;
