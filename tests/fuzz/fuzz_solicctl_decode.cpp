@@ -1,5 +1,6 @@
 // Arbitrary bytes as a message solicctl received: the size checks must hold every read inside
-// the message, and whatever decodes must print (text, JSON, structure form) without fault.
+// the message, and whatever decodes must print (text, JSON, the short watch line, structure form)
+// without fault.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -8,6 +9,7 @@
 
 #include "SolIf.h"
 #include "SolicctlOutput.h"
+#include "WatchLines.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // An exact-size, malloc-aligned copy, as the mailbox service hands out: one byte too far is caught.
@@ -34,6 +36,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         for (const auto& line : solicd::ctl::textLines(decoded)) {
             os << line;
         }
+        os << solicd::ctl::watchLine(decoded, 0, true);
     }
     os << solicd::ctl::showText(decoded);
     return 0;

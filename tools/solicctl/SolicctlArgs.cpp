@@ -112,7 +112,7 @@ struct CommandSpec {
     const char* help;
 };
 
-constexpr CommandSpec kCommands[] = {
+const CommandSpec kCommands[] = {
     {"ls", Command::Ls, 0, kLsHelp},
     {"status", Command::Status, kMailbox | kJson | kTimeout, kStatusHelp},
     {"show", Command::Show, kMailbox | kTimeout, kShowHelp},
