@@ -391,6 +391,37 @@ TEST_F(HookRunnerTest, AHookEndedBySigtermAtTheLimitTakesItsGroupAlong) {
     EXPECT_FALSE(running()) << "the hook's own child was not ended";
 }
 
+TEST_F(HookRunnerTest, StoppingEndsTheRunningHookAndForgetsTheRest) {
+    hook("10-polite", "echo $$ >" + m_dir + "/polite; exec sleep 30");
+    hook("20-stubborn", "echo $$ >" + m_dir + "/stubborn; trap '' TERM; sleep 30");
+    for (const std::string name : {"polite", "stubborn"}) {
+        if (name == "stubborn") {
+            std::filesystem::remove(m_dir + "/hooks.d/10-polite");
+        }
+        HookRunner runner(m_dir + "/hooks.d", std::chrono::seconds(60), {});
+        HookEvent e;
+        e.reason = "RESYNC";
+        runner.enqueue(e);
+        const auto guard = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (read(name).empty() && std::chrono::steady_clock::now() < guard) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        const auto begin = std::chrono::steady_clock::now();
+        runner.stop();
+        const auto took = std::chrono::steady_clock::now() - begin;
+        EXPECT_FALSE(runner.busy()) << name;
+        EXPECT_EQ(runner.fd(), -1) << name;
+        const std::string pid = read(name).substr(0, read(name).find('\n'));
+        EXPECT_FALSE(std::filesystem::exists("/proc/" + pid))
+            << name << " still there (reaped: it must be gone)";
+        if (name == "polite") {
+            EXPECT_LT(took, std::chrono::seconds(1)) << "SIGTERM is enough";
+        } else {
+            EXPECT_GE(took, std::chrono::milliseconds(1900)) << "SIGKILL after the 2 s grace";
+        }
+    }
+}
+
 TEST_F(HookRunnerTest, AMissingDirectoryRunsNothing) {
     HookRunner runner(m_dir + "/none", std::chrono::seconds(1), {});
     HookEvent e;

@@ -1,6 +1,7 @@
 #include "HookRunner.h"
 
 #include <dirent.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -146,6 +147,10 @@ void HookRunner::reap(int status) {
         report("hook " + m_running + " was ended by signal " + std::to_string(WTERMSIG(status)) + " (" +
                strsignal(WTERMSIG(status)) + ")");
     }
+    forgetChild();
+}
+
+void HookRunner::forgetChild() {
     if (m_pidFd >= 0) {
         close(m_pidFd);
     }
@@ -159,15 +164,12 @@ void HookRunner::advance() {
         const pid_t ended = waitpid(m_child, &status, WNOHANG);
         if (ended == m_child) {
             reap(status);
-        } else if (std::chrono::steady_clock::now() >= m_deadline) {
-            // First the polite signal to the whole group, then the one that cannot be refused.
+        } else if (const auto now = std::chrono::steady_clock::now(); now >= m_deadline) {
+            // First the polite signal to the whole group, then, after the grace, the one that
+            // cannot be refused; the hook is reaped when it has gone.
             kill(-m_child, m_terminated ? SIGKILL : SIGTERM);
-            if (!m_terminated) {
-                m_terminated = true;
-                m_deadline = std::chrono::steady_clock::now() + kKillGrace;
-            } else {
-                m_deadline = std::chrono::steady_clock::now() + kKillGrace;  // reaped when it goes
-            }
+            m_terminated = true;
+            m_deadline = now + kKillGrace;
         }
     }
     startNext();
@@ -179,21 +181,15 @@ void HookRunner::stop() {
         return;
     }
     kill(-m_child, SIGTERM);
-    const auto killAt = std::chrono::steady_clock::now() + kKillGrace;
+    // The descriptor becomes readable when the hook ends; SIGKILL if it has not within the grace.
+    pollfd ended{m_pidFd, POLLIN, 0};
+    const int graceMs = static_cast<int>(std::chrono::milliseconds(kKillGrace).count());
+    if (m_pidFd < 0 || poll(&ended, 1, graceMs) <= 0) {
+        kill(-m_child, SIGKILL);
+    }
     int status = 0;
-    while (waitpid(m_child, &status, WNOHANG) == 0) {
-        if (std::chrono::steady_clock::now() >= killAt) {
-            kill(-m_child, SIGKILL);
-            waitpid(m_child, &status, 0);
-            break;
-        }
-        usleep(10000);
-    }
-    if (m_pidFd >= 0) {
-        close(m_pidFd);
-    }
-    m_pidFd = -1;
-    m_child = -1;
+    waitpid(m_child, &status, 0);
+    forgetChild();
 }
 
 }  // namespace solicd::ctl

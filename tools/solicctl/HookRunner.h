@@ -55,6 +55,7 @@ private:
     };
     void startNext();
     void reap(int status);
+    void forgetChild();
 
     std::string m_dir;
     std::chrono::seconds m_limit;
