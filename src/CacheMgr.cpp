@@ -672,6 +672,10 @@ CacheMgr::CacheMgr(Clock clock)
 
 CacheMgr::~CacheMgr() = default;
 
+time_t CacheMgr::now() const {
+    return m_data->m_clock();
+}
+
 void CacheMgr::setMaxCacheSizes(size_t maxRouters, size_t maxNetworks, size_t maxDnsServers) {
     m_data->m_routers.maxSize = maxRouters;
     m_data->m_networks.maxSize = maxNetworks;

@@ -127,6 +127,8 @@ public:
     virtual void getActiveDnsServers(std::list<DnsServerEntry*>& dnsServers);
     virtual void setRelation(const RouterEntry& router, const NetworkEntry& network);
     virtual void setRelation(const RouterEntry& router, const DnsServerEntry& dnsServer);
+    // The time on the cache's clock.
+    virtual time_t now() const;
 
 private:
     std::unique_ptr<CacheMgrData> m_data;

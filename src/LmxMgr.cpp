@@ -109,6 +109,8 @@ LmxMgr::RxType LmxMgr::Message::getRxType() const {
             return RX_TYPE_ROUTERS_REQ;
         case SOLIF_SHOW_RAINFO_REQ:
             return RX_TYPE_CLICMD_SHOW_CACHE_REQ;
+        case SOLIF_HEALTH_REQ:
+            return RX_TYPE_HEALTH_REQ;
         default:
             return RX_TYPE_UNKNOWN;
     }
@@ -170,28 +172,42 @@ void LmxMgr::Message::setTxGetRoutersCfmPush(const SolRouter& router) {
         getTraceTag(), static_cast<int>(router.m_status.id), held, static_cast<int>(capacity));
 }
 
-void LmxMgr::Message::setTxShowRainfoCfm(const std::string& text) {
-    reset();
+namespace {
+
+// A text answer (the cache dump, the health document): the text with its NUL, cut to what the
+// service carries, and one more NUL.
+void textAnswer(LmxMgrMessageData& data, uint32_t msgNo, const char* fn, const std::string& text) {
     const size_t maxSize = lmx_get_max_size();
     const size_t limit = maxSize > kSolifShowRainfoOverhead ? maxSize - kSolifShowRainfoOverhead : 0;
     size_t size = text.size() + 1;
     if (size > limit) {
         SOL_TRACE(
-            INFO, "GENERAL", "setTxShowRainfoCfm",
+            INFO, "GENERAL", fn,
             "[%s] Attemp to send texts with size %u, which overflows max size %u, so truncated %u bytes",
             getTraceTag(), static_cast<unsigned>(size), static_cast<unsigned>(limit),
             static_cast<unsigned>(size - limit));
         size = limit;
     }
     const auto textSize = static_cast<uint32_t>(size);
-    auto* msg = allocate<solif_show_rainfo_cfm_t>(m_data, solifShowRainfoCfmSize(textSize),
-                                                  SOLIF_SHOW_RAINFO_CFM, "setTxShowRainfoCfm");
+    auto* msg = allocate<solif_show_rainfo_cfm_t>(data, solifShowRainfoCfmSize(textSize), msgNo, fn);
     if (msg == nullptr) {
         return;
     }
     msg->size = textSize;
     std::memcpy(msg->text, text.c_str(), size);
     msg->text[size] = '\0';
+}
+
+}  // namespace
+
+void LmxMgr::Message::setTxShowRainfoCfm(const std::string& text) {
+    reset();
+    textAnswer(m_data, SOLIF_SHOW_RAINFO_CFM, "setTxShowRainfoCfm", text);
+}
+
+void LmxMgr::Message::setTxHealthCfm(const std::string& text) {
+    reset();
+    textAnswer(m_data, SOLIF_HEALTH_CFM, "setTxHealthCfm", text);
 }
 
 void LmxMgr::Message::reset() {

@@ -40,6 +40,7 @@ public:
         RX_TYPE_ROUTERS_REQ = 2,
         RX_TYPE_CLICMD_SHOW_CACHE_REQ = 3,
         RX_TYPE_UNKNOWN = 4,
+        RX_TYPE_HEALTH_REQ = 5,
     };
 
     class Message {
@@ -55,6 +56,7 @@ public:
         virtual void setTxGetRoutersCfm(uint32_t count);
         virtual void setTxGetRoutersCfmPush(const SolRouter& router);
         virtual void setTxShowRainfoCfm(const std::string& text);
+        virtual void setTxHealthCfm(const std::string& text);
         virtual void reset();
 
         LmxMgrMessageData m_data;

@@ -216,9 +216,11 @@ SolRouter::Config routerRecord(const kt_ip_address_t& source, const uint8_t* ra)
     return router;
 }
 
-// The checks run in this order and the first that fails names the reason.
-bool acceptPrefixInformation(const uint8_t* option, uint8_t units, SolNetwork::Config& network) {
+// The checks run in this order and the first that fails names the reason (`why`).
+bool acceptPrefixInformation(const uint8_t* option, uint8_t units, SolNetwork::Config& network,
+                             PrefixIgnore& why) {
     if (units != kPrefixInformationUnits) {
+        why = PrefixIgnore::OptionLength;
         SOL_TRACE(INFO, kCategory, kRaParserFn,
                   "[%s] Prefix information option  ignored due to wrong prefix information option length %d",
                   getTraceTag(), units);
@@ -226,6 +228,7 @@ bool acceptPrefixInformation(const uint8_t* option, uint8_t units, SolNetwork::C
     }
     const kt_ip_address_t prefix = ipv6Address(option + kPioPrefixOffset);
     if (isLinkLocal(prefix)) {
+        why = PrefixIgnore::LinkLocal;
         SOL_TRACE(INFO, kCategory, kRaParserFn,
                   "[%s] Prefix information option %s ignored due to link local prefix", getTraceTag(),
                   toStr(prefix).c_str());
@@ -234,6 +237,7 @@ bool acceptPrefixInformation(const uint8_t* option, uint8_t units, SolNetwork::C
     const uint32_t validLifetime = readNet32(option + kPioValidLifetimeOffset);
     const uint32_t preferredLifetime = readNet32(option + kPioPreferredLifetimeOffset);
     if (preferredLifetime > validLifetime) {
+        why = PrefixIgnore::PreferredOverValid;
         // "%d" as the operators' tools expect: an infinite lifetime reads -1.
         SOL_TRACE(
             INFO, kCategory, kRaParserFn,
@@ -244,6 +248,7 @@ bool acceptPrefixInformation(const uint8_t* option, uint8_t units, SolNetwork::C
     }
     const uint8_t prefixLength = option[kPioPrefixLengthOffset];
     if (prefixLength != kAcceptedPrefixLength) {
+        why = PrefixIgnore::PrefixLength;
         SOL_TRACE(INFO, kCategory, kRaParserFn,
                   "[%s] Prefix information option %s ignored due to illegal prefix length %d", getTraceTag(),
                   toStr(prefix).c_str(), prefixLength);
@@ -251,6 +256,7 @@ bool acceptPrefixInformation(const uint8_t* option, uint8_t units, SolNetwork::C
     }
     const uint8_t flags = option[kPioFlagsOffset];
     if ((flags & (kPioFlagOnLink | kPioFlagAutonomous)) == 0) {
+        why = PrefixIgnore::NoFlags;
         SOL_TRACE(INFO, kCategory, kRaParserFn,
                   "[%s] Prefix information option %s ignored due to A and L flag not set", getTraceTag(),
                   toStr(prefix).c_str());
@@ -322,11 +328,49 @@ uint16_t internetChecksum(const uint8_t* data, size_t length) {
 
 }  // namespace
 
+const char* toCstr(RaDrop drop) {
+    switch (drop) {
+        case RaDrop::None:
+            return "";
+        case RaDrop::InvalidBuffer:
+            return "invalid_buffer";
+        case RaDrop::ShortLength:
+            return "short_length";
+        case RaDrop::NotRa:
+            return "not_ra";
+        case RaDrop::NotLinkLocal:
+            return "not_link_local";
+        case RaDrop::MalformedOption:
+            return "malformed_option";
+        case RaDrop::NoOptions:
+            return "no_options";
+    }
+    return "";
+}
+
+const char* toCstr(PrefixIgnore reason) {
+    switch (reason) {
+        case PrefixIgnore::OptionLength:
+            return "option_length";
+        case PrefixIgnore::LinkLocal:
+            return "link_local_prefix";
+        case PrefixIgnore::PreferredOverValid:
+            return "preferred_over_valid";
+        case PrefixIgnore::PrefixLength:
+            return "prefix_length";
+        case PrefixIgnore::NoFlags:
+            return "no_flags";
+    }
+    return "";
+}
+
 int PacketParser::raParser(std::vector<SolRouter::Config>& routers, std::vector<SolNetwork::Config>& networks,
                            std::vector<SolDnsServer::Config>& dnsServers, const kt_ip_address_t& source,
                            const uint8_t* buffer, int32_t length) {
     sol_packet_counters_t& counters = m_counters.m_counters;
+    m_outcome = ParseOutcome{};
     if (buffer == nullptr || length < 1) {
+        m_outcome.drop = RaDrop::InvalidBuffer;
         ++counters.raDropped;
         SOL_TRACE(ERROR, kCategory, kRaParserFn,
                   "[%s] Invalid buffer passed to packet parser. isNull: %s. len: %d", getTraceTag(),
@@ -334,6 +378,7 @@ int PacketParser::raParser(std::vector<SolRouter::Config>& routers, std::vector<
         return 1;
     }
     if (length < kRaHeaderSize) {
+        m_outcome.drop = RaDrop::ShortLength;
         ++counters.raDropped;
         SOL_TRACE(INFO, kCategory, kRaParserFn, "[%s] RA message ignored due to short length %d",
                   getTraceTag(), length);
@@ -351,12 +396,14 @@ int PacketParser::raParser(std::vector<SolRouter::Config>& routers, std::vector<
         SOL_TRACE(ERROR, kCategory, kRaParserFn,
                   "[%s] Not a Router Advertisement. Type: %d, code: %d. Why did we get it?", getTraceTag(),
                   type, code);
+        m_outcome.drop = RaDrop::NotRa;
         ++counters.raDropped;
         return 1;
     }
     if (!isLinkLocal(source)) {
         SOL_TRACE(INFO, kCategory, kRaParserFn, "[%s] RA message ignored due to non link local address %s",
                   getTraceTag(), kt_ip_address_ntop(source).c_str());
+        m_outcome.drop = RaDrop::NotLinkLocal;
         ++counters.raDropped;
         return 0;
     }
@@ -367,6 +414,7 @@ int PacketParser::raParser(std::vector<SolRouter::Config>& routers, std::vector<
     // no read below can leave the bytes received.
     MalformedOption malformed{};
     if (findMalformedOption(buffer, length, malformed)) {
+        m_outcome.drop = RaDrop::MalformedOption;
         ++counters.raDropped;
         SOL_TRACE(INFO, kCategory, kRaParserFn,
                   "[%s] RA message ignored due to malformed option at offset %d, type %d, length %d",
@@ -378,6 +426,7 @@ int PacketParser::raParser(std::vector<SolRouter::Config>& routers, std::vector<
     if (length - kRaHeaderSize < 1) {
         // The router stays: an RA without options still announces it.
         SOL_TRACE(INFO, kCategory, kRaParserFn, "[%s] Missing data after RA header.", getTraceTag());
+        m_outcome.drop = RaDrop::NoOptions;
         ++counters.raDropped;
         return 0;
     }
@@ -395,7 +444,8 @@ int PacketParser::raParser(std::vector<SolRouter::Config>& routers, std::vector<
         }
         if (optionType == kOptPrefixInformation) {
             SolNetwork::Config network;
-            if (acceptPrefixInformation(option, units, network)) {
+            PrefixIgnore why{};
+            if (acceptPrefixInformation(option, units, network, why)) {
                 networks.push_back(network);
                 ++counters.prefixAccepted;
                 if (m_verbose) {
@@ -403,6 +453,7 @@ int PacketParser::raParser(std::vector<SolRouter::Config>& routers, std::vector<
                 }
             } else {
                 ++counters.prefixIgnored;
+                ++m_outcome.prefixesIgnored[static_cast<size_t>(why)];
             }
         } else if (optionType == kOptRdnss) {
             appendRdnssAddresses(option, units, dnsOrdinal, dnsServers);

@@ -10,6 +10,29 @@
 
 namespace solicd {
 
+// Why the parser dropped an RA (none: it was taken), and why it ignored a prefix option.
+enum class RaDrop : uint8_t {
+    None,
+    InvalidBuffer,
+    ShortLength,
+    NotRa,
+    NotLinkLocal,
+    MalformedOption,
+    NoOptions
+};
+enum class PrefixIgnore : uint8_t { OptionLength, LinkLocal, PreferredOverValid, PrefixLength, NoFlags };
+inline constexpr size_t kRaDropCount = 7;
+inline constexpr size_t kPrefixIgnoreCount = 5;
+// Names for people and metrics: "malformed_option", "preferred_over_valid"; "" for None.
+const char* toCstr(RaDrop drop);
+const char* toCstr(PrefixIgnore reason);
+
+// What one call of raParser made of its packet.
+struct ParseOutcome {
+    RaDrop drop = RaDrop::None;
+    uint32_t prefixesIgnored[kPrefixIgnoreCount] = {};
+};
+
 class PacketParser {
 public:
     PacketParser() = default;
@@ -33,9 +56,12 @@ public:
 
     void setVerbose(bool enabled) { m_verbose = enabled; }
     const SolCounter<sol_packet_counters_t>& getCounters() const { return m_counters; }
+    // The outcome of the last raParser call.
+    const ParseOutcome& lastOutcome() const { return m_outcome; }
 
 private:
     SolCounter<sol_packet_counters_t> m_counters;
+    ParseOutcome m_outcome;
     bool m_verbose = false;
 };
 

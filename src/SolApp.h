@@ -15,6 +15,7 @@
 #include "CacheMgr.h"
 #include "LmxMgr.h"
 #include "PacketParser.h"
+#include "RaHealth.h"
 #include "ServiceNotify.h"
 #include "ServiceStatus.h"
 #include "SocketMgr.h"
@@ -139,6 +140,11 @@ public:
     void handleLmxEvent();
     void sendRaCacheToLmxClient();
     void sendShowRainfoToLmxClient(const LmxMgr::Message& request);
+    // The routers' health (RaHealth) as the health answer's document, to whoever asked.
+    void sendHealthToLmxClient(const LmxMgr::Message& request);
+    // What the health keeps of the packet just parsed; `router` is the cached router it
+    // announced, if any.
+    void noteRaHealth(const kt_ip_address_t& source, const RouterEntry* router);
 
     const std::map<EventSrcType, uint32_t>& getFdEvents() const { return m_fdEvents; }
     const ServiceStatus& getServiceStatus() const { return m_status; }
@@ -183,6 +189,7 @@ private:
     Timeouts m_timeouts;
     RaBuffers m_ra;
     ServiceStatus m_status;
+    RaHealth m_health;
 };
 
 }  // namespace solicd::SolApp

@@ -1,6 +1,7 @@
 // The handlers the main loop calls for RA packets, cache-entry expiry and client messages.
 #include <algorithm>
 #include <list>
+#include <set>
 #include <sstream>
 #include <string_view>
 #include <type_traits>
@@ -129,6 +130,7 @@ void Logic::handleRaSocketEvent() {
         SOL_FATAL("handleRaSocketEvent", "solicd::raParser");
     }
     if (routers.empty()) {
+        noteRaHealth(message.m_peer, nullptr);
         SOL_TRACE(LAB, "GENERAL", "handleRaSocketEvent", "[%s] No RA message was parsed", getTraceTag());
         return;
     }
@@ -149,6 +151,7 @@ void Logic::handleRaSocketEvent() {
         }
         applyTimeoutAction(writeEntryName(routerConfig, name), CacheTimeout::TYPE_ROUTER, router.lifetime);
     }
+    noteRaHealth(message.m_peer, router.entry);
 
     for (const SolNetwork::Config& config : networks) {
         const auto network = pushRecord(cache, config, "network");
@@ -370,6 +373,9 @@ void Logic::handleLmxEvent() {
                 getTraceTag());
             sendShowRainfoToLmxClient(message);
             break;
+        case LmxMgr::RX_TYPE_HEALTH_REQ:
+            sendHealthToLmxClient(message);
+            break;
         default:
             break;
     }
@@ -414,6 +420,36 @@ void Logic::sendShowRainfoToLmxClient(const LmxMgr::Message& request) {
     LmxMgr::Message answer;
     answer.setTxShowRainfoCfm(text.str());
     respondOrRestart(m_data->getLmxMgr(), "sendShowRainfoToLmxClient", request, answer);
+}
+
+void Logic::sendHealthToLmxClient(const LmxMgr::Message& request) {
+    CacheMgr& cache = m_data->getCacheMgr();
+    std::map<RaHealth::Address, std::string> states;
+    for (const RouterEntry* r : listOf(cache, &CacheMgr::getRouters)) {
+        states[RaHealth::addressOf(r->m_config.address)] =
+            toCstr(SolRouter::Status::uintToState(r->m_status.state));
+    }
+    LmxMgr::Message answer;
+    answer.setTxHealthCfm(m_health.json(cache.now(), [&](const RaHealth::Address& a) {
+        const auto it = states.find(a);
+        return it != states.end() ? it->second : std::string();
+    }));
+    respondOrRestart(m_data->getLmxMgr(), "sendHealthToLmxClient", request, answer);
+}
+
+void Logic::noteRaHealth(const kt_ip_address_t& source, const RouterEntry* router) {
+    CacheMgr& cache = m_data->getCacheMgr();
+    const time_t now = router != nullptr ? router->m_status.lastUpdateTime : cache.now();
+    m_health.onRa(source, router != nullptr ? &m_ra.routers.front() : nullptr, m_ra.networks,
+                  m_data->getPacketParser().lastOutcome(), router != nullptr, now);
+    // A router just created may have taken the place of an evicted one, whose health goes too.
+    if (router != nullptr && router->m_status.updateCount == 0 && m_health.routerCount() > 1) {
+        std::set<RaHealth::Address> cached;
+        for (const RouterEntry* r : listOf(cache, &CacheMgr::getRouters)) {
+            cached.insert(RaHealth::addressOf(r->m_config.address));
+        }
+        m_health.keepOnly([&](const RaHealth::Address& a) { return cached.count(a) != 0; });
+    }
 }
 
 }  // namespace solicd::SolApp

@@ -97,6 +97,8 @@ size_t requiredSize(const unsigned char* bytes, size_t size, uint32_t msgNo, std
             return sizeof(solif_get_routers_req_t);
         case SOLIF_SHOW_RAINFO_REQ:
             return sizeof(solif_show_rainfo_req_t);
+        case SOLIF_HEALTH_REQ:
+            return sizeof(solif_health_req_t);
         case SOLIF_DNS_SERVER_UPDATED_IND:
             header = offsetof(solif_dns_server_updated_ind_t, entries);
             entrySize = sizeof(solif_dns_server_entry_t);
@@ -106,6 +108,7 @@ size_t requiredSize(const unsigned char* bytes, size_t size, uint32_t msgNo, std
             entrySize = sizeof(solif_router_entry_t);
             break;
         case SOLIF_SHOW_RAINFO_CFM:
+        case SOLIF_HEALTH_CFM:
             header = offsetof(solif_show_rainfo_cfm_t, text);
             entrySize = 1;
             break;
@@ -140,6 +143,10 @@ const char* solifMsgNoToCstr(uint32_t msgNo) {
             return "solif_show_rainfo_req_t";
         case SOLIF_SHOW_RAINFO_CFM:
             return "solif_show_rainfo_cfm_t";
+        case SOLIF_HEALTH_REQ:
+            return "solif_health_req_t";
+        case SOLIF_HEALTH_CFM:
+            return "solif_health_cfm_t";
         default:
             return "UNKNOWN";
     }
@@ -161,9 +168,23 @@ std::ostream& operator<<(std::ostream& os, const solif_get_routers_cfm_t& msg) {
     return listText(os, msg, "routers");
 }
 
-std::ostream& operator<<(std::ostream& os, const solif_show_rainfo_cfm_t& msg) {
+namespace {
+
+// The two text answers share their layout.
+template <class Msg>
+std::ostream& textAnswer(std::ostream& os, const Msg& msg) {
     return head(os, msg.msgNo) << ", size: " << msg.size << ", text: " << answerText(msg.text, msg.size)
                                << "}";
+}
+
+}  // namespace
+
+std::ostream& operator<<(std::ostream& os, const solif_show_rainfo_cfm_t& msg) {
+    return textAnswer(os, msg);
+}
+
+std::ostream& operator<<(std::ostream& os, const solif_health_cfm_t& msg) {
+    return textAnswer(os, msg);
 }
 
 namespace solicd {
@@ -218,6 +239,9 @@ bool solifPrint(std::ostream& os, const void* msg, size_t size) {
         case SOLIF_SHOW_RAINFO_CFM:
             os << *static_cast<const solif_show_rainfo_cfm_t*>(msg);
             return true;
+        case SOLIF_HEALTH_CFM:
+            os << *static_cast<const solif_health_cfm_t*>(msg);
+            return true;
         default:
             return false;  // the requests have no structure form
     }
@@ -243,7 +267,8 @@ uint32_t solifDecode(const void* msg, size_t size, SolifMessage& out, std::strin
         case SOLIF_GET_ROUTERS_CFM:
             decodeEntries<solif_get_routers_cfm_t>(bytes, out.routers);
             break;
-        case SOLIF_SHOW_RAINFO_CFM: {
+        case SOLIF_SHOW_RAINFO_CFM:
+        case SOLIF_HEALTH_CFM: {
             const uint32_t textSize = readU32(bytes, offsetof(solif_show_rainfo_cfm_t, size));
             out.text = answerText(
                 reinterpret_cast<const char*>(bytes + offsetof(solif_show_rainfo_cfm_t, text)), textSize);

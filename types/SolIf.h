@@ -22,6 +22,9 @@ inline constexpr uint32_t SOLIF_GET_ROUTERS_REQ = 0x1a11633;
 inline constexpr uint32_t SOLIF_GET_ROUTERS_CFM = 0x1a11634;
 inline constexpr uint32_t SOLIF_SHOW_RAINFO_REQ = 0x1a11635;
 inline constexpr uint32_t SOLIF_SHOW_RAINFO_CFM = 0x1a11636;
+// Beside the numbers above, which stay as they are: the health of the link's routers.
+inline constexpr uint32_t SOLIF_HEALTH_REQ = 0x1a11637;
+inline constexpr uint32_t SOLIF_HEALTH_CFM = 0x1a11638;
 
 // The name of a solif message number ("solif_router_updated_ind_t"), "UNKNOWN" for any other.
 const char* solifMsgNoToCstr(uint32_t msgNo);
@@ -90,6 +93,18 @@ struct solif_show_rainfo_req_t {
     uint32_t msgNo;  // SOLIF_SHOW_RAINFO_REQ
 };
 
+// The health answer: laid out as the text dump, its text a JSON document (UTF-8, with a
+// "version" key).
+struct solif_health_cfm_t {
+    uint32_t msgNo;  // SOLIF_HEALTH_CFM
+    uint32_t size;
+    char text[1];
+};
+
+struct solif_health_req_t {
+    uint32_t msgNo;  // SOLIF_HEALTH_REQ
+};
+
 static_assert(sizeof(solif_router_updated_ind_t) == 144);
 static_assert(offsetof(solif_router_updated_ind_t, unused) == 4);
 static_assert(offsetof(solif_router_updated_ind_t, config) == 8);
@@ -116,6 +131,10 @@ static_assert(offsetof(solif_show_rainfo_cfm_t, size) == 4);
 static_assert(offsetof(solif_show_rainfo_cfm_t, text) == 8);
 static_assert(sizeof(solif_get_routers_req_t) == 4);
 static_assert(sizeof(solif_show_rainfo_req_t) == 4);
+static_assert(sizeof(solif_health_cfm_t) == sizeof(solif_show_rainfo_cfm_t));
+static_assert(offsetof(solif_health_cfm_t, size) == offsetof(solif_show_rainfo_cfm_t, size));
+static_assert(offsetof(solif_health_cfm_t, text) == offsetof(solif_show_rainfo_cfm_t, text));
+static_assert(sizeof(solif_health_req_t) == 4);
 
 // ---- Sizes and entry access ----
 
@@ -153,6 +172,7 @@ std::ostream& operator<<(std::ostream& os, const solif_network_updated_ind_t& ms
 std::ostream& operator<<(std::ostream& os, const solif_dns_server_updated_ind_t& msg);
 std::ostream& operator<<(std::ostream& os, const solif_get_routers_cfm_t& msg);
 std::ostream& operator<<(std::ostream& os, const solif_show_rainfo_cfm_t& msg);
+std::ostream& operator<<(std::ostream& os, const solif_health_cfm_t& msg);
 
 namespace solicd {
 

@@ -346,6 +346,28 @@ TEST_F(ClientRequestTest, ShowCacheAnswerReadsBackIntoTheCachedRecords) {
     EXPECT_EQ(again.str(), text);
 }
 
+// ---- Health request (beside the two requests above) ----
+
+TEST_F(ClientRequestTest, HealthRequestIsAnsweredWithTheHealthDocumentToItsSender) {
+    fillCache();
+    nextMessage(SOLIF_HEALTH_REQ, kOtherClient, LmxMgr::DST_MBOX_STATE_CONNECTING);
+    TraceCapture capture;
+    m_logic.handleLmxEvent();
+    EXPECT_THAT(capture.records(), ElementsAre(Trace(TraceEvent::LAB, "GENERAL", received(5))))
+        << "no trace of its own";
+    EXPECT_THAT(m_data.respondedTo, ElementsAre(kOtherClient));
+    ASSERT_EQ(m_data.responded.size(), 1u);
+    EXPECT_EQ(m_data.responded[0].decoded.msgNo, SOLIF_HEALTH_CFM);
+    const std::string& text = m_data.responded[0].decoded.text;
+    EXPECT_EQ(text.rfind(R"({"version":1,"time":)", 0), 0u) << text;
+    // The two RAs that filled the cache, their routers by address with their cache states; the
+    // header-only RA counts as a drop of its source (nothing after the header).
+    EXPECT_NE(text.find(R"({"address":"fe80::1","state":"STATE_NEW","ras":1,)"), std::string::npos) << text;
+    EXPECT_NE(text.find(R"("dropped":{"no_options":1})"), std::string::npos) << text;
+    EXPECT_NE(text.find(R"({"address":"fe80::2","state":"STATE_NEW","ras":1,)"), std::string::npos) << text;
+    EXPECT_NE(text.find(R"("otherSources":[]})"), std::string::npos) << text;
+}
+
 TEST_F(ClientRequestTest, ShowCacheOfAnEmptyCacheHasTheHeadingsAndCounters) {
     nextMessage(SOLIF_SHOW_RAINFO_REQ, kOtherClient, LmxMgr::DST_MBOX_STATE_CONNECTED);
     m_logic.handleLmxEvent();

@@ -19,7 +19,9 @@ TEST(SolIf, MessageNumbersHaveTheirStructureNames) {
     EXPECT_STREQ(solifMsgNoToCstr(0x1a11634), "solif_get_routers_cfm_t");
     EXPECT_STREQ(solifMsgNoToCstr(0x1a11635), "solif_show_rainfo_req_t");
     EXPECT_STREQ(solifMsgNoToCstr(0x1a11636), "solif_show_rainfo_cfm_t");
-    EXPECT_STREQ(solifMsgNoToCstr(0x1a11637), "UNKNOWN");
+    EXPECT_STREQ(solifMsgNoToCstr(0x1a11637), "solif_health_req_t");
+    EXPECT_STREQ(solifMsgNoToCstr(0x1a11638), "solif_health_cfm_t");
+    EXPECT_STREQ(solifMsgNoToCstr(0x1a11639), "UNKNOWN");
     EXPECT_STREQ(solifMsgNoToCstr(0x1901000), "UNKNOWN");
 }
 
@@ -70,8 +72,9 @@ std::vector<unsigned char> dnsList(const std::vector<SolDnsServer>& servers) {
     return b;
 }
 
-std::vector<unsigned char> textCfm(const std::string& text, uint32_t size) {
-    auto b = listMsg(SOLIF_SHOW_RAINFO_CFM, size, solifShowRainfoCfmSize(size));
+std::vector<unsigned char> textCfm(const std::string& text, uint32_t size,
+                                   uint32_t msgNo = SOLIF_SHOW_RAINFO_CFM) {
+    auto b = listMsg(msgNo, size, solifShowRainfoCfmSize(size));
     std::memcpy(&b[8], text.data(), std::min<size_t>(text.size(), size));
     return b;
 }
@@ -203,6 +206,22 @@ TEST(SolIfDecode, TextStopsAtItsNulOrItsSize) {
     b = textCfm("abcdef", 4);
     ASSERT_EQ(solifDecode(b.data(), 8 + 4, out, error), 0u);
     EXPECT_EQ(out.text, "abcd");
+}
+
+TEST(SolIfDecode, TheHealthAnswerIsLaidOutAsTheTextAnswer) {
+    SolifMessage out;
+    std::string error;
+    const std::string json = R"({"version":1})";
+    auto b = textCfm(json + '\0', static_cast<uint32_t>(json.size() + 1), SOLIF_HEALTH_CFM);
+    ASSERT_EQ(solifDecode(b.data(), b.size(), out, error), 0u) << error;
+    EXPECT_EQ(out.msgNo, SOLIF_HEALTH_CFM);
+    EXPECT_EQ(out.text, json);
+    EXPECT_EQ(decodeError(b, 6), "solif_health_cfm_t of 6 bytes cannot hold itself (needs 8 bytes)");
+    EXPECT_EQ(toStr(*reinterpret_cast<const solif_health_cfm_t*>(b.data())),
+              "{msg_no_txt: solif_health_cfm_t , msg_no: 27334200, size: 14, text: " + json + "}");
+    const uint32_t request = SOLIF_HEALTH_REQ;
+    ASSERT_EQ(solifDecode(&request, sizeof request, out, error), 0u);
+    EXPECT_EQ(out.msgNo, SOLIF_HEALTH_REQ);
 }
 
 TEST(SolIfDecode, RequestsCarryOnlyTheirNumber) {
