@@ -43,7 +43,7 @@ check_page solicctl.1 NAME SYNOPSIS DESCRIPTION COMMANDS OPTIONS "EXIT STATUS" E
     "solicctl [--dir DIR] hooks MBOX" "--dir DIR" --json --raw "--count N" "--timeout SEC" "-h, --help" \
     --version LMX_DIR NO_COLOR /run/lmx "request failed or timed out" "Usage error" router_updated \
     network_updated dns_servers_updated SOLICD_REASON RESYNC DNS_CHANGED new_dns_servers \
-    /etc/solicd/hooks.d
+    /etc/solicd/hooks.d "solicctl [--dir DIR] health MBOX [--json]" solicd_ra_received_total --prometheus
 
 check_page solicd-check-config.8 NAME SYNOPSIS DESCRIPTION CHECKS "EXIT STATUS" EXAMPLES "SEE ALSO" \
     ExecCondition= NAMESPACE INTERFACE SOURCE DESTINATION "solicd-check-config: FILE:LINE:" \
@@ -66,7 +66,7 @@ documents_help_of solicd.8 "$SOLICD_BUILD/bin/solicd" --help
 documents_help_of solicctl.1 "$SOLICD_BUILD/bin/solicctl" --help
 documents_help_of solicd-check-config.8 "$SOLICD_BUILD/bin/solicd-check-config" --help
 documents_help_of solicd-trace.1 "$SOLICD_SRC/scripts/solicd-trace" --help
-for command in ls status show routers watch hooks; do
+for command in ls status health metrics show routers watch hooks; do
     documents_help_of solicctl.1 "$SOLICD_BUILD/bin/solicctl" "$command" --help
 done
 echo "PASS: solicd(8), solicctl(1), solicd-check-config(8) and solicd-trace(1) render cleanly and" \

@@ -24,10 +24,12 @@ namespace {
 
 const char* const kUsage =
     "Usage: lmx_test_peer MODE MBOX [SUBSCRIBER]\n"
-    "  answer     answer routers requests (routers 1 and 2) and show-cache requests (testCacheText())\n"
+    "  answer     answer routers requests (routers 1 and 2), show-cache requests (testCacheText())\n"
+    "             and health requests (kTestHealthText)\n"
     "  silent     hold the mailbox and answer nothing\n"
     "  malformed  answer routers requests with a routers answer that claims 5 entries in 144 bytes,\n"
-    "             and show-cache requests with a cache dump cut in the middle of a record\n"
+    "             show-cache requests with a cache dump cut in the middle of a record, and health\n"
+    "             requests with a document of version 7\n"
     "  vanish     end without answering at the first request\n"
     "  publish    when SUBSCRIBER connects, send: router 1 update, network 1 update, DNS list of\n"
     "             servers 0 and 1, a router update of 100 bytes, a message numbered 0x1234, and\n"
@@ -76,7 +78,8 @@ void burst(LmxMgr& mgr) {
 // Answers one request as `mode` says; false when the peer is to end.
 bool answer(LmxMgr& mgr, const std::string& mode, const LmxMgr::Message& request) {
     const LmxMgr::RxType type = request.getRxType();
-    if (type != LmxMgr::RX_TYPE_ROUTERS_REQ && type != LmxMgr::RX_TYPE_CLICMD_SHOW_CACHE_REQ) {
+    if (type != LmxMgr::RX_TYPE_ROUTERS_REQ && type != LmxMgr::RX_TYPE_CLICMD_SHOW_CACHE_REQ &&
+        type != LmxMgr::RX_TYPE_HEALTH_REQ) {
         return true;
     }
     if (mode == "vanish") {
@@ -92,6 +95,8 @@ bool answer(LmxMgr& mgr, const std::string& mode, const LmxMgr::Message& request
             reply.setTxGetRoutersCfmPush(makeRouter(1));
             reply.setTxGetRoutersCfmPush(makeRouter(2));
         }
+    } else if (type == LmxMgr::RX_TYPE_HEALTH_REQ) {
+        reply.setTxHealthCfm(mode == "malformed" ? "{\"version\":7}" : kTestHealthText);
     } else {
         const std::string text = testCacheText();
         reply.setTxShowRainfoCfm(mode == "malformed" ? text.substr(0, text.size() / 2) : text);

@@ -92,12 +92,14 @@ TEST(SolicctlArgs, HooksTakeTheirDirectoryNamesAndLimit) {
     r = parse({"hooks", "client", "--daemon=", "--namespace=blue", "--interface=eth0"});
     ASSERT_EQ(r.kind, ParseResult::Kind::Run) << r.text;
     EXPECT_EQ(r.options.daemon, "solcid.blue-eth0");
-    EXPECT_EQ(usageOf({"hooks", "client", "--daemon="}),
-              "solicctl: hooks: an empty --daemon names solicd's default mailbox, which needs --namespace and "
-              "--interface of mailbox-name characters; see 'solicctl hooks --help'");
-    EXPECT_EQ(usageOf({"hooks", "client", "--interface", "a-very-long-interface"}),
-              "solicctl: hooks: --interface needs an interface name of 1 to 15 characters; see 'solicctl hooks "
-              "--help'");
+    EXPECT_EQ(
+        usageOf({"hooks", "client", "--daemon="}),
+        "solicctl: hooks: an empty --daemon names solicd's default mailbox, which needs --namespace and "
+        "--interface of mailbox-name characters; see 'solicctl hooks --help'");
+    EXPECT_EQ(
+        usageOf({"hooks", "client", "--interface", "a-very-long-interface"}),
+        "solicctl: hooks: --interface needs an interface name of 1 to 15 characters; see 'solicctl hooks "
+        "--help'");
     EXPECT_EQ(usageOf({"hooks", "client", "--namespace", "a/b"}),
               "solicctl: hooks: --namespace needs a network namespace name; see 'solicctl hooks --help'");
     EXPECT_EQ(usageOf({"watch", "client", "--daemon", "x"}),

@@ -560,4 +560,42 @@ TEST_F(SolicctlTest, HooksWithoutProgramsSayItOnceAtStart) {
                        "/none (missing or empty); nothing will run until some are there\n");
 }
 
+TEST_F(SolicctlTest, HealthShowsTheRoutersForPeopleOrTheDocumentAsItCame) {
+    startPeer("answer", "solicd");
+    Result r = run({"health", "solicd"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    const auto out = lines(r.out);
+    ASSERT_GE(out.size(), 5u) << r.out;
+    EXPECT_EQ(out[0], "solicd: 2 routers heard, 1 other source of dropped RAs");
+    EXPECT_THAT(out[3], StartsWith("fe80::1  STATE_UPDATED  120  "));
+    EXPECT_THAT(out[3], ::testing::EndsWith("M flag: 1 here, 0 at fe80::2"));
+    r = run({"health", "solicd", "--json"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, std::string(kTestHealthText) + "\n");
+}
+
+TEST_F(SolicctlTest, MetricsAskForTheHealthAndTheCache) {
+    startPeer("answer", "solicd");
+    const Result r = run({"metrics", "solicd"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_THAT(r.out, HasSubstr("solicd_ra_received_total{router=\"fe80::1\"} 120\n"));
+    EXPECT_THAT(r.out, HasSubstr("solicd_prefix_valid_remaining_seconds{prefix=\"2001:db8:1::/64\"} 0\n"))
+        << "the test cache's times are long past";
+    EXPECT_THAT(r.out, HasSubstr("solicd_dns_servers_active 2\n"));
+    EXPECT_THAT(r.out, ::testing::EndsWith("# EOF\n"));
+}
+
+TEST_F(SolicctlTest, HealthOfAnotherVersionIsAnErrorNeverATable) {
+    startPeer("malformed", "solicd");
+    for (const char* command : {"health", "metrics"}) {
+        const Result r = run({command, "solicd"});
+        EXPECT_EQ(r.status, 1) << command;
+        EXPECT_EQ(r.out, "") << command;
+        EXPECT_EQ(r.err,
+                  "solicctl: cannot read the health answer of 'solicd' (a health document of version 7, this "
+                  "solicctl reads version 1); check that solicd and solicctl are of one version\n")
+            << command;
+    }
+}
+
 }  // namespace

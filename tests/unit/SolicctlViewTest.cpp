@@ -10,6 +10,8 @@
 
 #include "ClientRecords.h"
 #include "Durations.h"
+#include "HealthView.h"
+#include "LmxTestPeer.h"
 #include "StatusView.h"
 #include "Table.h"
 #include "Terminal.h"
@@ -208,6 +210,33 @@ TEST(SolicctlTable, ColumnsAlignOnTheTextNotOnTheColourAndLinesEndWithoutBlanks)
               "\033[1mA\033[0m          \033[1mBB\033[0m  \033[1mC\033[0m\n"
               "long cell  \033[32mx\033[0m\n"
               "s              end\n");
+}
+
+TEST(SolicctlHealth, TextMatchesTheGoldenFile) {
+    HealthDocument health;
+    std::string error;
+    ASSERT_TRUE(readHealth(kTestHealthText, health, error)) << error;
+    expectGolden("health.txt", healthText("solicd.ns1-eth0", health, kNow, false));
+    expectGolden("health-colour.txt", healthText("solicd.ns1-eth0", health, kNow, true));
+}
+
+TEST(SolicctlHealth, MetricsMatchTheGoldenFile) {
+    HealthDocument health;
+    std::string error;
+    ASSERT_TRUE(readHealth(kTestHealthText, health, error)) << error;
+    expectGolden("metrics.txt", metricsText(health, fixedCache(), kNow));
+    expectGolden("metrics.prom", metricsText(health, fixedCache(), kNow, MetricsFormat::Prometheus));
+}
+
+TEST(SolicctlHealth, ADocumentItCannotReadIsAnError) {
+    HealthDocument health;
+    std::string error;
+    EXPECT_FALSE(readHealth("{not json", health, error));
+    EXPECT_EQ(error, "not a JSON document");
+    EXPECT_FALSE(readHealth(R"({"version":2,"routers":[],"otherSources":[]})", health, error));
+    EXPECT_EQ(error, "a health document of version 2, this solicctl reads version 1");
+    EXPECT_FALSE(readHealth(R"({"version":1})", health, error));
+    EXPECT_EQ(error, "a health document without its lists");
 }
 
 }  // namespace

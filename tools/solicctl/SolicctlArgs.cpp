@@ -21,6 +21,9 @@ const char* const kToolHelp =
     "Commands:\n"
     "  ls                      list the live mailboxes in the directory\n"
     "  status MBOX [--json]    the state of the link: routers, prefixes, DNS servers, counters\n"
+    "  health MBOX [--json]    per router: RAs, intervals, gaps, drops, conflicts with others\n"
+    "  metrics MBOX [--prometheus]\n"
+    "                          the health and the lifetimes left as OpenMetrics text\n"
     "  show MBOX               print solicd's cache dump (show-cache request to MBOX)\n"
     "  routers MBOX [--json]   print solicd's routers (routers request to MBOX)\n"
     "  watch MBOX [--json | --raw] [--count N] [--timeout SEC]\n"
@@ -51,6 +54,24 @@ const char* const kStatusHelp =
     "  --json         the same as one JSON object\n"
     "  --timeout SEC  wait at most SEC seconds for the answer (default 5)\n"
     "Exit status 1 when MBOX does not exist, gives no answer in time or an answer it cannot read.\n";
+
+const char* const kHealthHelp =
+    "Usage: solicctl [--dir DIR] health MBOX [--json] [--timeout SEC]\n"
+    "Asks MBOX (the name solicd was given with --source) how its routers do: per router its\n"
+    "state, the RAs received, the last one, the usual interval, gaps (intervals over three times\n"
+    "the usual one), RAs and prefixes dropped by reason, and where it disagrees with another\n"
+    "router (M and O flags, reachable time, retrans timer, prefix lifetimes); then the sources\n"
+    "of dropped RAs that are not routers.\n"
+    "  --json         the answer's JSON document as it came\n"
+    "  --timeout SEC  wait at most SEC seconds for the answer (default 5)\n";
+
+const char* const kMetricsHelp =
+    "Usage: solicctl [--dir DIR] metrics MBOX [--prometheus] [--timeout SEC]\n"
+    "Prints the health of MBOX's routers and the lifetimes left in its cache as OpenMetrics\n"
+    "text, for a scraper.\n"
+    "  --prometheus   the Prometheus text format instead, as node_exporter's textfile collector\n"
+    "                 reads it\n"
+    "  --timeout SEC  wait at most SEC seconds for each answer (default 5)\n";
 
 const char* const kShowHelp =
     "Usage: solicctl [--dir DIR] show MBOX [--timeout SEC]\n"
@@ -103,6 +124,7 @@ enum Takes : unsigned {
     kCount = 1u << 3,
     kTimeout = 1u << 4,
     kHookOptions = 1u << 5,  // --daemon, --hooks-dir, --namespace, --interface
+    kPrometheus = 1u << 6,
 };
 
 struct CommandSpec {
@@ -115,6 +137,8 @@ struct CommandSpec {
 const CommandSpec kCommands[] = {
     {"ls", Command::Ls, 0, kLsHelp},
     {"status", Command::Status, kMailbox | kJson | kTimeout, kStatusHelp},
+    {"health", Command::Health, kMailbox | kJson | kTimeout, kHealthHelp},
+    {"metrics", Command::Metrics, kMailbox | kPrometheus | kTimeout, kMetricsHelp},
     {"show", Command::Show, kMailbox | kTimeout, kShowHelp},
     {"routers", Command::Routers, kMailbox | kJson | kTimeout, kRoutersHelp},
     {"watch", Command::Watch, kMailbox | kJson | kRaw | kCount | kTimeout, kWatchHelp},
@@ -320,6 +344,10 @@ ParseResult parseArgs(const std::vector<std::string>& args, const char* envDir) 
         }
         if (arg == "--json" && (spec->takes & kJson) != 0) {
             o.json = true;
+            continue;
+        }
+        if (arg == "--prometheus" && (spec->takes & kPrometheus) != 0) {
+            o.prometheus = true;
             continue;
         }
         if (arg == "--raw" && (spec->takes & kRaw) != 0) {

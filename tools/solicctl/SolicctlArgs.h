@@ -16,15 +16,16 @@ inline constexpr unsigned kRequestTimeoutSec = 5;
 inline constexpr unsigned kHookTimeoutSec = 10;
 inline constexpr const char* kDefaultHooksDir = "/etc/solicd/hooks.d";
 
-enum class Command { Ls, Show, Routers, Status, Watch, Hooks };
+enum class Command { Ls, Show, Routers, Status, Health, Metrics, Watch, Hooks };
 
 struct Options {
     Command command = Command::Ls;
     std::string dir;   // resolved: --dir, then $LMX_DIR, then /run/lmx
     std::string mbox;  // the mailbox of every command but ls
     bool json = false;
-    bool raw = false;    // watch: the records' own stream forms
-    uint64_t count = 0;  // watch: 0 means no limit
+    bool raw = false;         // watch: the records' own stream forms
+    bool prometheus = false;  // metrics: the Prometheus text format instead of OpenMetrics
+    uint64_t count = 0;       // watch: 0 means no limit
     uint64_t timeoutSec =
         0;  // watch: 0 means no limit; requests: kRequestTimeoutSec; hooks: each hook's limit
     // hooks

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "HealthView.h"
 #include "HooksCommand.h"
 #include "MailboxAccess.h"
 #include "SolIf.h"
@@ -121,7 +122,9 @@ int runRequest(const Options& o, uint32_t requestNo, uint32_t answerNo, const An
     }
     // Learn at once when solicd goes away instead of waiting the whole timeout.
     const uint32_t monitor = lmx_monitor(daemon, nullptr);
-    static_assert(sizeof(solif_get_routers_req_t) == sizeof(solif_show_rainfo_req_t), "requests are alike");
+    static_assert(sizeof(solif_get_routers_req_t) == sizeof(solif_show_rainfo_req_t) &&
+                      sizeof(solif_health_req_t) == sizeof(solif_show_rainfo_req_t),
+                  "requests are alike");
     void* request = lmx_alloc(sizeof(solif_get_routers_req_t), requestNo);
     if (request == nullptr || lmx_send(request, daemon, session.mailbox()) != 0) {
         return fail("cannot send the request to '" + o.mbox + "' (" + std::strerror(errno) +
@@ -185,6 +188,44 @@ int printStatus(const Options& o, const SolifMessage& answer) {
     const std::string text = o.json ? statusJson(o.mbox, cache) + "\n"
                                     : statusText(o.mbox, cache, std::time(nullptr), colourForStdout());
     return emit(text) ? kExitOk : outputFailed();
+}
+
+int printHealth(const Options& o, const SolifMessage& answer) {
+    if (o.json) {
+        return emitLine(answer.text) ? kExitOk : outputFailed();
+    }
+    HealthDocument health;
+    std::string error;
+    if (!readHealth(answer.text, health, error)) {
+        return fail("cannot read the health answer of '" + o.mbox + "' (" + error +
+                    "); check that solicd and solicctl are of one version");
+    }
+    return emit(healthText(o.mbox, health, std::time(nullptr), colourForStdout())) ? kExitOk : outputFailed();
+}
+
+// The health answer, then the cache: two requests, one after the other.
+int printMetrics(const Options& o) {
+    HealthDocument health;
+    const int asked = runRequest(o, SOLIF_HEALTH_REQ, SOLIF_HEALTH_CFM, [&](const SolifMessage& answer) {
+        std::string error;
+        if (!readHealth(answer.text, health, error)) {
+            return fail("cannot read the health answer of '" + o.mbox + "' (" + error +
+                        "); check that solicd and solicctl are of one version");
+        }
+        return kExitOk;
+    });
+    if (asked != kExitOk) {
+        return asked;
+    }
+    return runRequest(o, SOLIF_SHOW_RAINFO_REQ, SOLIF_SHOW_RAINFO_CFM, [&](const SolifMessage& answer) {
+        SolCacheText cache;
+        std::string error;
+        if (!solParseCacheText(answer.text, cache, error)) {
+            return fail("cannot read the cache of '" + o.mbox + "' (" + error + ")");
+        }
+        const MetricsFormat format = o.prometheus ? MetricsFormat::Prometheus : MetricsFormat::OpenMetrics;
+        return emit(metricsText(health, cache, std::time(nullptr), format)) ? kExitOk : outputFailed();
+    });
 }
 
 bool isUpdate(uint32_t msgNo) {
@@ -261,6 +302,11 @@ int run(const Options& o) {
         case Command::Status:
             return runRequest(o, SOLIF_SHOW_RAINFO_REQ, SOLIF_SHOW_RAINFO_CFM,
                               [&](const SolifMessage& answer) { return printStatus(o, answer); });
+        case Command::Health:
+            return runRequest(o, SOLIF_HEALTH_REQ, SOLIF_HEALTH_CFM,
+                              [&](const SolifMessage& answer) { return printHealth(o, answer); });
+        case Command::Metrics:
+            return printMetrics(o);
         case Command::Watch:
             return runWatch(o);
         case Command::Hooks:
