@@ -368,6 +368,23 @@ TEST_F(ClientRequestTest, HealthRequestIsAnsweredWithTheHealthDocumentToItsSende
     EXPECT_NE(text.find(R"("otherSources":[]})"), std::string::npos) << text;
 }
 
+TEST_F(ClientRequestTest, ARouterEvictedFromTheCacheTakesItsHealthAlong) {
+    m_data.cache.setMaxCacheSizes(2, SolApp::Logic::kMaxNetworks, SolApp::Logic::kMaxDnsServers);
+    m_data.lmxState = LmxMgr::DST_MBOX_STATE_CONNECTING;
+    receiveRa(RaBuilder(1800).bytes(), "fe80::1");
+    // Lifetime 0: invalidated at once, so no longer in use, and the one that makes room.
+    receiveRa(RaBuilder(0).bytes(), "fe80::2");
+    receiveRa(RaBuilder(1800).bytes(), "fe80::3");
+    nextMessage(SOLIF_HEALTH_REQ, kOtherClient, LmxMgr::DST_MBOX_STATE_CONNECTING);
+    m_logic.handleLmxEvent();
+    ASSERT_EQ(m_data.responded.size(), 1u);
+    const std::string& text = m_data.responded[0].decoded.text;
+    // Routers have a state; the other sources do not.
+    EXPECT_NE(text.find(R"({"address":"fe80::1","state")"), std::string::npos) << text;
+    EXPECT_EQ(text.find(R"("fe80::2")"), std::string::npos) << "evicted, its health too: " << text;
+    EXPECT_NE(text.find(R"({"address":"fe80::3","state")"), std::string::npos) << text;
+}
+
 TEST_F(ClientRequestTest, ShowCacheOfAnEmptyCacheHasTheHeadingsAndCounters) {
     nextMessage(SOLIF_SHOW_RAINFO_REQ, kOtherClient, LmxMgr::DST_MBOX_STATE_CONNECTED);
     m_logic.handleLmxEvent();
