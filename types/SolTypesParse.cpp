@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <limits>
+#include <sstream>
 #include <type_traits>
 
 namespace solicd {
@@ -258,6 +259,30 @@ bool solParseCacheText(std::string_view text, SolCacheText& out, std::string& er
                section(c, "\nDNS Servers:", out.dnsServers) && c.literal("\nCounters:") &&
                counters(c, out.socketCounters) && counters(c, out.packetCounters);
     });
+}
+
+}  // namespace solicd
+
+namespace solicd {
+namespace {
+
+template <class Record>
+void appendSection(std::ostream& os, const char* heading, const std::vector<Record>& records) {
+    os << heading;
+    for (const auto& r : records) {
+        os << r << "\n";
+    }
+}
+
+}  // namespace
+
+std::string solCacheTextOf(const SolCacheText& cache) {
+    std::ostringstream os;
+    appendSection(os, "\nRouters:", cache.routers);
+    appendSection(os, "\nNetworks:", cache.networks);
+    appendSection(os, "\nDNS Servers:", cache.dnsServers);
+    os << "\nCounters:" << cache.socketCounters << cache.packetCounters;
+    return os.str();
 }
 
 }  // namespace solicd

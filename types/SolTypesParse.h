@@ -31,4 +31,7 @@ struct SolCacheText {
 };
 bool solParseCacheText(std::string_view text, SolCacheText& out, std::string& error);
 
+// The cache dump laid out as solicd writes it, for what it reads back.
+std::string solCacheTextOf(const SolCacheText& cache);
+
 }  // namespace solicd

@@ -4,33 +4,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <sstream>
 #include <string_view>
 
 #include "SolTypesParse.h"
 #include "StatusView.h"
-
-namespace {
-
-std::string dump(const solicd::SolCacheText& c) {
-    std::ostringstream os;
-    os << "\nRouters:";
-    for (const auto& r : c.routers) {
-        os << r << "\n";
-    }
-    os << "\nNetworks:";
-    for (const auto& n : c.networks) {
-        os << n << "\n";
-    }
-    os << "\nDNS Servers:";
-    for (const auto& d : c.dnsServers) {
-        os << d << "\n";
-    }
-    os << "\nCounters:" << c.socketCounters << c.packetCounters;
-    return os.str();
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // An exact-size copy: one byte read too far is caught.
@@ -43,11 +20,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
         return 0;
     }
-    const std::string shown = solicd::ctl::statusText("fuzz", cache, 1764064800, true) +
-                              solicd::ctl::statusJson("fuzz", cache);
-    const std::string again = dump(cache);
+    const std::string shown =
+        solicd::ctl::statusText("fuzz", cache, 1764064800, true) + solicd::ctl::statusJson("fuzz", cache);
+    const std::string again = solicd::solCacheTextOf(cache);
     solicd::SolCacheText reread;
-    if (!solicd::solParseCacheText(again, reread, error) || dump(reread) != again || shown.empty()) {
+    if (!solicd::solParseCacheText(again, reread, error) || solicd::solCacheTextOf(reread) != again ||
+        shown.empty()) {
         __builtin_trap();
     }
     return 0;

@@ -35,20 +35,7 @@ start_radvd "
         $LL_R;
     };"
 start_session_daemon
-mkfifo "$WORK/go"
-(
-    read -r _ <"$WORK/go"
-    LTTNG_UST_REGISTER_TIMEOUT=20000 exec "$SOLICD" -n "$HOST" -i "$IH" -s "$DAEMON_MBOX" -d "$CLIENT_MBOX" \
-        >"$WORK/solicd.out" 2>"$WORK/solicd.err"
-) &
-SOLICD_PID=$!
-PIDS+=("$SOLICD_PID")
-lttng create "$session" --output="$WORK/trace" >/dev/null
-lttng enable-event --userspace 'com_orvane_kt_solicd:INFO' --session="$session" >/dev/null
-lttng add-context --userspace --type=vpid --session="$session" >/dev/null
-lttng track --userspace --vpid="$SOLICD_PID" --session="$session" >/dev/null
-lttng start "$session" >/dev/null
-echo go >"$WORK/go"
+start_traced_solicd "$session" 'com_orvane_kt_solicd:INFO'
 wait_ready 30
 wait_show "address: $LL_R, .*flags: 0x2}" 20
 

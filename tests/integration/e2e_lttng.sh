@@ -22,21 +22,7 @@ start_watch watch
 
 start_session_daemon
 
-# solicd waits behind a FIFO until the session tracks its process id and records.
-mkfifo "$WORK/go"
-(
-    read -r _ <"$WORK/go"
-    LTTNG_UST_REGISTER_TIMEOUT=20000 exec "$SOLICD" -n "$HOST" -i "$IH" -s "$DAEMON_MBOX" -d "$CLIENT_MBOX" \
-        >"$WORK/solicd.out" 2>"$WORK/solicd.err"
-) &
-SOLICD_PID=$!
-PIDS+=("$SOLICD_PID")
-lttng create "$session" --output="$WORK/trace" >/dev/null
-lttng enable-event --userspace 'com_orvane_kt_solicd:*' --session="$session" >/dev/null
-lttng add-context --userspace --type=vpid --session="$session" >/dev/null
-lttng track --userspace --vpid="$SOLICD_PID" --session="$session" >/dev/null
-lttng start "$session" >/dev/null
-echo go >"$WORK/go"
+start_traced_solicd "$session" 'com_orvane_kt_solicd:*'
 
 wait_ready 30
 send_ra fe80::a lifetime=600 prefix=2001:db8:1::/64,3600,1800 rdnss=600,2001:db8::53

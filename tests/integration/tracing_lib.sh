@@ -22,3 +22,26 @@ stop_session_daemon()
     timeout 20 tail --pid="$SESSIOND_PID" -s 0.1 -f /dev/null || true
     SESSIOND_PID=""
 }
+
+# start_traced_solicd SESSION EVENTS: solicd in HOST on IH (the e2e lab's names), recorded from its
+# first trace by SESSION, which enables EVENTS ('com_orvane_kt_solicd:*' or one event) with the
+# vpid context and tracks this process alone. solicd waits behind a FIFO until the session
+# records. Sets SOLICD_PID.
+start_traced_solicd()
+{
+    local session=$1 events=$2
+    mkfifo "$WORK/go"
+    (
+        read -r _ <"$WORK/go"
+        LTTNG_UST_REGISTER_TIMEOUT=20000 exec "$SOLICD" -n "$HOST" -i "$IH" -s "$DAEMON_MBOX" -d "$CLIENT_MBOX" \
+            >"$WORK/solicd.out" 2>"$WORK/solicd.err"
+    ) &
+    SOLICD_PID=$!
+    PIDS+=("$SOLICD_PID")
+    lttng create "$session" --output="$WORK/trace" >/dev/null
+    lttng enable-event --userspace "$events" --session="$session" >/dev/null
+    lttng add-context --userspace --type=vpid --session="$session" >/dev/null
+    lttng track --userspace --vpid="$SOLICD_PID" --session="$session" >/dev/null
+    lttng start "$session" >/dev/null
+    echo go >"$WORK/go"
+}

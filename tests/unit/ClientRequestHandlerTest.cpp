@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <sstream>
 
 #include "HandlerDoubles.h"
 #include "RaVectors.h"
@@ -329,21 +328,7 @@ TEST_F(ClientRequestTest, ShowCacheAnswerReadsBackIntoTheCachedRecords) {
     ASSERT_EQ(parsed.dnsServers.size(), 3u);
     EXPECT_TRUE(same(parsed.dnsServers[2], static_cast<const SolDnsServer&>(*dnsServer("dns/2001:db8::55"))));
     EXPECT_EQ(parsed.packetCounters.m_counters.raParsed, 1u);
-    std::ostringstream again;
-    again << "\nRouters:";
-    for (const auto& r : parsed.routers) {
-        again << r << "\n";
-    }
-    again << "\nNetworks:";
-    for (const auto& n : parsed.networks) {
-        again << n << "\n";
-    }
-    again << "\nDNS Servers:";
-    for (const auto& d : parsed.dnsServers) {
-        again << d << "\n";
-    }
-    again << "\nCounters:" << parsed.socketCounters << parsed.packetCounters;
-    EXPECT_EQ(again.str(), text);
+    EXPECT_EQ(solCacheTextOf(parsed), text);
 }
 
 // ---- Health request (beside the two requests above) ----

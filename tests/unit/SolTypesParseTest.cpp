@@ -4,7 +4,6 @@
 
 #include <cstring>
 #include <random>
-#include <sstream>
 
 #include "SolTypesParse.h"
 
@@ -146,24 +145,6 @@ TEST(SolTypesParse, CountersRoundTrip) {
     }
 }
 
-// The dump as the daemon writes it: each heading directly followed by its first record.
-template <class Record>
-void appendSection(std::ostream& os, const char* heading, const std::vector<Record>& records) {
-    os << heading;
-    for (const auto& r : records) {
-        os << r << "\n";
-    }
-}
-
-std::string cacheText(const SolCacheText& cache) {
-    std::ostringstream os;
-    appendSection(os, "\nRouters:", cache.routers);
-    appendSection(os, "\nNetworks:", cache.networks);
-    appendSection(os, "\nDNS Servers:", cache.dnsServers);
-    os << "\nCounters:" << cache.socketCounters << cache.packetCounters;
-    return os.str();
-}
-
 SolCacheText randomCache(RandomRecords& random, size_t routers, size_t networks, size_t dnsServers) {
     SolCacheText cache;
     for (size_t i = 0; i < routers; ++i) {
@@ -186,7 +167,7 @@ TEST(SolTypesParse, CacheTextRoundTripsWithEmptyAndFullSections) {
         for (size_t networks = 0; networks < 3; ++networks) {
             for (size_t dns = 0; dns < 3; ++dns) {
                 const SolCacheText cache = randomCache(random, routers, networks, dns);
-                const std::string text = cacheText(cache);
+                const std::string text = solCacheTextOf(cache);
                 SolCacheText parsed;
                 std::string error;
                 ASSERT_TRUE(solParseCacheText(text, parsed, error)) << error << " in " << text;
@@ -202,7 +183,7 @@ TEST(SolTypesParse, CacheTextRoundTripsWithEmptyAndFullSections) {
                 for (size_t i = 0; i < dns; ++i) {
                     expectSameRecord(cache.dnsServers[i], parsed.dnsServers[i]);
                 }
-                EXPECT_EQ(cacheText(parsed), text);
+                EXPECT_EQ(solCacheTextOf(parsed), text);
             }
         }
     }
@@ -222,7 +203,7 @@ TEST(SolTypesParse, EmptyCacheIsTheFourHeadingsAndZeroCounters) {
 
 TEST(SolTypesParse, EveryTruncationOfACacheTextIsAnErrorNeverAShorterCache) {
     RandomRecords random(6);
-    const std::string text = cacheText(randomCache(random, 2, 2, 2));
+    const std::string text = solCacheTextOf(randomCache(random, 2, 2, 2));
     for (size_t length = 0; length < text.size(); ++length) {
         SolCacheText parsed;
         std::string error;
