@@ -113,7 +113,14 @@ void RaHealth::onRa(const kt_ip_address_t& source, const SolRouter::Config* rout
     r.retransTimer = router->retransTimer != 0 ? router->retransTimer : r.retransTimer;
     compare(from, r, networks, now);
     for (const SolNetwork::Config& n : networks) {
-        r.prefixes[prefixKey(n)] = PrefixSeen{n.validLifetime, n.preferredLifetime, now};
+        const auto [it, added] =
+            r.prefixes.insert_or_assign(prefixKey(n), PrefixSeen{n.validLifetime, n.preferredLifetime, now});
+        if (added && r.prefixes.size() > kPrefixesPerRouterMax) {
+            // A flood of new prefixes keeps the memory it may use: the one heard longest ago goes.
+            r.prefixes.erase(
+                std::min_element(r.prefixes.begin(), r.prefixes.end(),
+                                 [](const auto& a, const auto& b) { return a.second.at < b.second.at; }));
+        }
     }
 }
 

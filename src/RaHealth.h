@@ -28,6 +28,8 @@ public:
     static constexpr time_t kLateRouterSeconds = 600;
     // An interval over this many times the usual one is a gap.
     static constexpr double kGapFactor = 3;
+    // The prefixes remembered per router, for comparing lifetimes; the oldest heard goes first.
+    static constexpr size_t kPrefixesPerRouterMax = 64;
     // Prefix lifetimes that count down in real time agree within this many seconds.
     static constexpr int64_t kLifetimeSlackSeconds = 10;
 

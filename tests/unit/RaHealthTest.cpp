@@ -157,6 +157,26 @@ TEST_F(RaHealthTest, OutcomesGoToTheRouterOrToTheBoundedTableOfOtherSources) {
     }
 }
 
+TEST_F(RaHealthTest, AFloodOfNewPrefixesKeepsOnlyTheNewestForComparing) {
+    const auto a = router("fe80::1");
+    for (unsigned i = 0; i < 1000; ++i) {
+        char text[32];
+        std::snprintf(text, sizeof text, "2001:db8:%x::", i);
+        ra(a, kStart + i / 4, {prefix(text, 86400, 14400)});
+    }
+    // The newest prefixes are still compared: another router disagreeing on the last one is seen.
+    ra(router("fe80::2"), kStart + 300, {prefix("2001:db8:3e7::", 7200, 3600)});
+    EXPECT_THAT(infos(),
+                ElementsAre(info("Router fe80::2 disagrees with router fe80::1 on valid lifetime of "
+                                 "2001:db8:3e7::/64: 7200 vs 86400"),
+                            info("Router fe80::2 disagrees with router fe80::1 on preferred lifetime of "
+                                 "2001:db8:3e7::/64: 3600 vs 14400")));
+    m_traces.clear();
+    // The oldest are forgotten: no comparison, no trace.
+    ra(router("fe80::2"), kStart + 301, {prefix("2001:db8:0::", 7200, 3600)});
+    EXPECT_THAT(infos(), IsEmpty());
+}
+
 TEST_F(RaHealthTest, HealthLeavesWithTheEvictedRouterAndItsConflicts) {
     ra(router("fe80::1", FLAG_MANAGED), kStart);
     ra(router("fe80::2"), kStart + 1);
