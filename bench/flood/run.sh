@@ -10,6 +10,9 @@
 #  B. unique-prefix flood (every RA a new prefix, a new router every 100 RAs) for UNIQUE_SECONDS
 #     into a fresh solicd with a `solicctl watch` client connected: store sizes, RSS growth after
 #     the first 10 s, and how long `solicctl show` takes meanwhile.
+#     Then, each alone in a window of the same flood: a bare blocking recvmsg loop on the same
+#     socket set-up (the receive limit), radvdump and `ndptool monitor -t ra` (their output to a
+#     file, counted afterwards): RAs processed per second, CPU per RA, and solicd's ratios.
 #  C. idle for IDLE_SECONDS right after B (no traffic, no timer due): wakeups per second.
 # The table goes to stdout and to RESULTS (default bench/results/latest.md).
 # SOLICD_BUILD (default build) names the build tree; SOLICD_DAEMON another solicd to measure.
@@ -32,6 +35,9 @@ UNIQUE_SECONDS=${UNIQUE_SECONDS:-60}
 IDLE_SECONDS=${IDLE_SECONDS:-30}
 for program in "$DAEMON" "$CTL" "$FLOOD" "$REFERENCE"; do
     [ -x "$program" ] || { echo "bench-flood: $program is not built (make build)" >&2; exit 1; }
+done
+for tool in radvdump ndptool; do
+    command -v "$tool" >/dev/null || { echo "bench-flood: $tool is missing (scripts/install-deps)" >&2; exit 1; }
 done
 for tool in ip taskset unshare; do
     command -v "$tool" >/dev/null || { echo "bench-flood: $tool is missing (scripts/install-deps)" >&2; exit 1; }
@@ -171,9 +177,10 @@ flood() { ip netns exec "$PEER_NS" taskset -c "$SEND_CPU" "$FLOOD" -i "$PEER_IF"
 # ---- A. Typical flood: the reference alone, solicd alone, then both side by side
 
 # start_reference: the reference on the receivers' CPU; returns once its socket is bound.
+# start_reference [--blocking]: with --blocking, the bare blocking recvmsg loop (the receive limit).
 start_reference() {
     : >"$WORK/reference.out"
-    "${UNTRACED[@]}" taskset -c "$RECV_CPU" "$REFERENCE" "$NS" "$IF" >"$WORK/reference.out" \
+    "${UNTRACED[@]}" taskset -c "$RECV_CPU" "$REFERENCE" "$@" "$NS" "$IF" >"$WORK/reference.out" \
         2>"$WORK/reference.err" &
     PIDS+=($!)
     REF_PID=$!
@@ -226,8 +233,10 @@ typical_flood
 read -r c1 d1 < <(measure "$REF_PID")
 ref_alone=$(stop_reference)
 ref_alone_row=$(row "reference alone" "$ref_alone" $((c1 - c0)) $((d1 - d0)))
+ref_alone_us=$(per_ra_us $((c1 - c0)) "$ref_alone")
 sent_alone_rate=$(rate "$SENT" "$SECONDS_SENT")
 ref_alone_share=$(ratio "$ref_alone" "$SENT")
+SECONDS_REF=$SECONDS_SENT
 
 # A2. solicd alone, once its solicitation cycle is over (three RSs, 4 s apart, none answered).
 MBOX_A=flood-a-$RUN
@@ -241,6 +250,8 @@ read -r c1 d1 < <(measure "$sol_pid")
 show "$MBOX_A" "$WORK/after.txt" >/dev/null
 sol_alone=$(($(counter "$WORK/after.txt" rxRa) - $(counter "$WORK/before.txt" rxRa)))
 sol_alone_row=$(row "solicd alone" "$sol_alone" $((c1 - c0)) $((d1 - d0)))
+sol_alone_ticks=$((c1 - c0))
+SECONDS_ALONE=$SECONDS_SENT
 sent_sol_rate=$(rate "$SENT" "$SECONDS_SENT")
 sol_alone_share=$(ratio "$sol_alone" "$SENT")
 ratio_alone=$(ratio "$sol_alone_share" "$ref_alone_share")
@@ -265,6 +276,45 @@ ratio_side=$(ratio "$sol_side" "$ref_side")
 ref_side_cpu_us=$(per_ra_us $((r1 - r0)) "$ref_side")
 sol_side_cpu_us=$(per_ra_us $((c1 - c0)) "$sol_side")
 cost_ratio=$(ratio "$ref_side_cpu_us" "$sol_side_cpu_us")
+
+# A4. The receive limit and the peer tools, each alone on the receivers' CPU, on the same flood:
+# what each processes per second and its CPU per RA, beside solicd alone (A2).
+start_reference --blocking
+read -r c0 _ < <(measure "$REF_PID")
+typical_flood
+read -r c1 _ < <(measure "$REF_PID")
+limit_alone=$(stop_reference)
+limit_rate=$(rate "$limit_alone" "$SECONDS_SENT")
+limit_us=$(per_ra_us $((c1 - c0)) "$limit_alone")
+sent_limit_rate=$(rate "$SENT" "$SECONDS_SENT")
+
+# peer NAME PATTERN COMMAND...: the tool in the receivers' namespace, pinned, its output to a file
+# counted afterwards (PATTERN: the line each RA it processed prints). Sets PEER_RATE, PEER_US.
+peer() {
+    local name=$1 pattern=$2 pid p0 p1 count
+    shift 2
+    ip netns exec "$NS" taskset -c "$RECV_CPU" "$@" >"$WORK/$name.txt" 2>"$WORK/$name.err" &
+    pid=$!
+    PIDS+=("$pid")
+    sleep 1
+    kill -0 "$pid" 2>/dev/null || fail "$name ended at start: $(cat "$WORK/$name.err")"
+    p0=$(cpu_ticks "$pid")
+    typical_flood
+    p1=$(cpu_ticks "$pid")
+    kill -TERM "$pid" 2>/dev/null || true
+    wait "$pid" 2>/dev/null || true
+    count=$(grep -c -- "$pattern" "$WORK/$name.txt" || true)
+    rm -f "$WORK/$name.txt"
+    PEER_RATE=$(rate "$count" "$SECONDS_SENT")
+    PEER_US=$(per_ra_us $((p1 - p0)) "$count")
+    PEER_SENT=$(rate "$SENT" "$SECONDS_SENT")
+}
+peer radvdump '^# based on Router Advertisement from' radvdump
+radvdump_rate=$PEER_RATE radvdump_us=$PEER_US sent_radvdump_rate=$PEER_SENT
+peer ndptool '^  Type: RA$' ndptool -i "$IF" monitor -t ra
+ndptool_rate=$PEER_RATE ndptool_us=$PEER_US sent_ndptool_rate=$PEER_SENT
+sol_alone_rate=$(rate "$sol_alone" "$SECONDS_ALONE")
+sol_alone_us=$(per_ra_us "$sol_alone_ticks" "$sol_alone")
 
 # ---- B. Unique-prefix flood into a fresh solicd with its client connected
 MBOX_B=flood-b-$RUN
@@ -361,6 +411,25 @@ rss_growth=$((rss_end - rss_10))
     echo "the received ratio drifts, the cost ratio does not: it is the figure to trust. Alone, each"
     echo "has a CPU of its own and what it gets depends on the sender's rate in its window, hence"
     echo "shares of the flood, not rates."
+    echo
+    echo "### Against the receive limit and the tools people use"
+    echo
+    echo "Each alone on CPU $RECV_CPU, fed the same flood in a window of its own (sender rates:"
+    echo "$sent_limit_rate, $sent_radvdump_rate and $sent_ndptool_rate RA/s): a bare blocking \`recvmsg\` loop on the"
+    echo "daemon's socket set-up (the receive limit), \`radvdump\` and \`ndptool monitor -t ra\` with their"
+    echo "output to a file counted afterwards, and solicd alone (above). RAs processed per second and"
+    echo "CPU per RA; solicd's ratios: its rate to theirs, their CPU per RA to its own."
+    echo
+    echo "| receiver | RAs processed per second | CPU per RA (µs) | solicd's rate ratio | CPU ratio (theirs / solicd's) |"
+    echo "|---|---:|---:|---:|---:|"
+    echo "| solicd | $sol_alone_rate | $sol_alone_us | | |"
+    echo "| receive limit (blocking recvmsg) | $limit_rate | $limit_us | $(ratio "$sol_alone_rate" "$limit_rate") | $(ratio "$limit_us" "$sol_alone_us") |"
+    echo "| GLib reference | $(rate "$ref_alone" "$SECONDS_REF") | $ref_alone_us | $(ratio "$sol_alone_share" "$ref_alone_share") (of the shares of the flood) | $(ratio "$ref_alone_us" "$sol_alone_us") |"
+    echo "| radvdump | $radvdump_rate | $radvdump_us | $(ratio "$sol_alone_rate" "$radvdump_rate") | $(ratio "$radvdump_us" "$sol_alone_us") |"
+    echo "| ndptool monitor -t ra | $ndptool_rate | $ndptool_us | $(ratio "$sol_alone_rate" "$ndptool_rate") | $(ratio "$ndptool_us" "$sol_alone_us") |"
+    echo
+    echo "Goals (reported, not asserted): solicd at least 3 times each peer's rate, at least 0.8 of the"
+    echo "receive limit."
     echo
     echo "## B. Unique-prefix flood (${UNIQUE_SECONDS} s), client connected"
     echo
