@@ -51,15 +51,7 @@ PEER_NS=sfr$RUN # the sender's side
 IF=fd$RUN
 PEER_IF=fr$RUN
 export LMX_DIR=$WORK/lmx
-# No tracing session reaches the receivers: they start in a mount namespace where the session
-# daemon's directory is hidden (a session of another test enabling the daemon's events would make
-# it format every trace), and look for a per-user session daemon in the scratch directory only.
-export LTTNG_UST_REGISTER_TIMEOUT=0
-export LTTNG_HOME=$WORK
-# A command prefix, not a function: each step execs the next, so $! is the receiver's own pid.
-UNTRACED=(unshare --mount --propagation private -- sh -c
-    'for d in /run/lttng /var/run/lttng; do [ ! -d "$d" ] || mount -t tmpfs -o size=1m tmpfs "$d"; done
-     exec "$@"' untraced)
+source "$SRC/bench/untraced.sh"
 LOAD_BEFORE=$(cut -d' ' -f1-3 /proc/loadavg)
 DAEMON_LABEL=${SOLICD_DAEMON_LABEL:-"commit $(git -C "$SRC" describe --always --dirty 2>/dev/null || echo unknown)"}
 PIDS=()

@@ -32,13 +32,7 @@ RUN=$(printf '%x%x' $$ $((RANDOM % 256)))
 WORK=$(mktemp -d /tmp/solicd-scale.XXXXXX)
 export LMX_DIR=$WORK/lmx
 mkdir -p "$LMX_DIR"
-# No tracing session reaches the daemons (see bench/flood/run.sh): a hidden session daemon
-# directory, and a per-user one looked for in the scratch directory only.
-export LTTNG_UST_REGISTER_TIMEOUT=0
-export LTTNG_HOME=$WORK
-UNTRACED=(unshare --mount --propagation private -- sh -c
-    'for d in /run/lttng /var/run/lttng; do [ ! -d "$d" ] || mount -t tmpfs -o size=1m tmpfs "$d"; done
-     exec "$@"' untraced)
+source "$SRC/bench/untraced.sh"
 LOAD_BEFORE=$(cut -d' ' -f1-3 /proc/loadavg)
 LABEL="commit $(git -C "$SRC" describe --always --dirty 2>/dev/null || echo unknown)"
 PIDS=()

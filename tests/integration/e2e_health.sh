@@ -16,11 +16,7 @@ done
 check=${SOLICD_SRC:?}/tests/unit/openmetrics_check.py
 
 session=solicd-health-$RUN
-stop_tracing()
-{
-    lttng destroy "$session" >/dev/null 2>&1 || true
-    stop_session_daemon
-}
+TRACE_SESSION=$session
 trap 'stop_tracing; cleanup' EXIT
 
 lab_up

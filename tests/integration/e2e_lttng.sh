@@ -9,11 +9,7 @@ for tool in lttng lttng-sessiond babeltrace2; do
 done
 
 session=solicd-e2e-$RUN
-stop_tracing()
-{
-    lttng destroy "$session" >/dev/null 2>&1 || true
-    stop_session_daemon
-}
+TRACE_SESSION=$session
 trap 'stop_tracing; cleanup' EXIT
 
 lab_up

@@ -14,6 +14,14 @@ start_session_daemon()
     SESSIOND_PID=$(cat /run/lttng/lttng-sessiond.pid)
 }
 
+# stop_tracing: destroys the test's session TRACE_SESSION (if any) and stops the session daemon;
+# for the test's EXIT trap, before the lab's cleanup.
+stop_tracing()
+{
+    [ -z "${TRACE_SESSION:-}" ] || lttng destroy "$TRACE_SESSION" >/dev/null 2>&1 || true
+    stop_session_daemon
+}
+
 # stop_session_daemon: stops it and waits until it is gone (from the test's cleanup).
 stop_session_daemon()
 {
