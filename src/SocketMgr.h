@@ -6,15 +6,14 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <glib.h>
-
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
 
+#include "ArrivalNames.h"
+#include "SocketText.h"
 #include "SolTimeout.h"
 #include "SolTypes.h"
 #include "UniqueFd.h"
@@ -25,47 +24,6 @@ inline constexpr size_t kMessageBufferSize = 1024;
 // A solicitation cycle: at most this many RS, this many ms apart.
 inline constexpr uint32_t kRsMaxCount = 3;
 inline constexpr uint32_t kRsRetryInterval = 4000;
-
-// Resolves an interface index into a name buffer of IF_NAMESIZE bytes; if_indextoname's contract.
-using IfIndexToName = char* (*)(unsigned ifindex, char* name);
-
-// The name of the interface a datagram arrived on. Asking the kernel costs a system call per
-// datagram, a seventh of what an RA costs the daemon under a flood, so while the kernel's link
-// notifications are watched the last name is kept until any of them arrives. The watch runs at a
-// higher priority than the socket it serves: a datagram that arrives after a rename (which needs
-// the link down, then up) is read in a main-loop iteration where the notification of the rename
-// is handled first, so no datagram is ever judged by a name older than the one it came in on.
-class ArrivalNames {
-public:
-    // `resolve` is a seam for tests; the daemon asks the kernel through its own socket.
-    explicit ArrivalNames(IfIndexToName resolve = nullptr) : m_resolve(resolve) {}
-
-    // Watches the link notifications of the current network namespace; false when they cannot be
-    // had, and every name is then looked up afresh.
-    bool watch();
-    // Watches the descriptor given instead of a route-netlink socket (tests): anything readable
-    // on it counts as a notification.
-    void watch(UniqueFd notifications);
-    bool isWatching() const { return m_source != nullptr; }
-
-    // The name of interface `index` into `name` (IF_NAMESIZE bytes), asked of `socket` when it is
-    // not known; false, with errno ENXIO for an unknown index, when there is none.
-    bool lookup(int socket, unsigned index, char* name);
-
-private:
-    struct SourceRelease {
-        void operator()(GSource* source) const;
-    };
-    static gboolean cbNotified(gint fd, GIOCondition condition, gpointer self);
-    // Drains what the kernel reported and forgets the name; a watch that fails for good ends.
-    void notified();
-
-    IfIndexToName m_resolve;
-    UniqueFd m_notifications;
-    std::unique_ptr<GSource, SourceRelease> m_source;
-    unsigned m_index = 0;  // 0: no name kept
-    char m_name[IF_NAMESIZE] = {};
-};
 
 class SocketMgr {
 public:
@@ -180,12 +138,7 @@ private:
 bool findLinkLocalInNetlink(const uint8_t* data, size_t length, const std::string& ifName,
                             IfIndexToName resolve, struct sockaddr_in6& lladdr);
 
-// Text forms used in the socket's trace lines and the interface configuration line.
-std::ostream& printMessageState(std::ostream& os, uint32_t state);  // "{ no: 1, txt: MSG_STATE_RX_OK}"
-std::string messageStateToStr(uint32_t state);
-const char* addressFamilyToCstr(unsigned family);
-std::ostream& printSockaddr(std::ostream& os, const struct sockaddr& address);
-std::ostream& printSockaddrIn6(std::ostream& os, const struct sockaddr_in6& address);
+// The interface configuration line; written with the other text forms (SocketText.cpp).
 std::ostream& operator<<(std::ostream& os, const SocketMgr::IfConfig& config);
 
 }  // namespace solicd
