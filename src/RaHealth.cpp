@@ -206,12 +206,17 @@ void RaHealth::compare(const Address& source, const Router& r,
     const auto bit = [](uint32_t flags, uint32_t flag) {
         return std::string((flags & flag) != 0 ? "1" : "0");
     };
-    for (const auto& [peer, p] : m_routers) {
+    // Named references, not structured bindings: the lambdas below capture them, which the
+    // fuzzing build's compiler does not allow of bindings.
+    for (const auto& known : m_routers) {
+        const Address& peer = known.first;
+        const auto& p = known.second;
         if (peer == source) {
             continue;
         }
-        for (const auto& [name, flag] :
-             {std::pair{"M flag", FLAG_MANAGED}, std::pair{"O flag", FLAG_OTHER}}) {
+        for (const auto& check : {std::pair{"M flag", FLAG_MANAGED}, std::pair{"O flag", FLAG_OTHER}}) {
+            const char* name = check.first;
+            const uint32_t flag = check.second;
             consider(
                 peer, (r.flags & flag) == (p.flags & flag), [&] { return std::string(name); },
                 [&] { return bit(r.flags, flag); }, [&] { return bit(p.flags, flag); });
