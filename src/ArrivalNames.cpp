@@ -3,6 +3,7 @@
 #include <glib-unix.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -84,6 +85,16 @@ void ArrivalNames::notified() {
         m_notifications.reset();
         return;
     }
+}
+
+bool ArrivalNames::isNotificationWaiting() const {
+    if (!isWatching()) {
+        return false;
+    }
+    struct pollfd watched {
+        m_notifications.get(), POLLIN, 0
+    };
+    return ::poll(&watched, 1, 0) != 0;
 }
 
 bool ArrivalNames::lookup(int socket, unsigned index, char* name) {

@@ -20,10 +20,15 @@ using IfIndexToName = char* (*)(unsigned ifindex, char* name);
 // higher priority than the socket it serves: a datagram that arrives after a rename (which needs
 // the link down, then up) is read in a main-loop iteration where the notification of the rename
 // is handled first, so no datagram is ever judged by a name older than the one it came in on.
+// Datagrams read in a batch, after the first of an iteration, arrived before the batch was read:
+// when no notification waits once they are read, the name kept is no older than theirs; when one
+// does, whoever read them has every name asked afresh (forget), which gives the newest.
 class ArrivalNames {
 public:
     // `resolve` is a seam for tests; the daemon asks the kernel through its own socket.
     explicit ArrivalNames(IfIndexToName resolve = nullptr) : m_resolve(resolve) {}
+    // The same seam for names held by another class.
+    void resolveWith(IfIndexToName resolve) { m_resolve = resolve; }
 
     // Watches the link notifications of the current network namespace; false when they cannot be
     // had, and every name is then looked up afresh.
@@ -32,6 +37,13 @@ public:
     // on it counts as a notification.
     void watch(UniqueFd notifications);
     bool isWatching() const { return m_source != nullptr; }
+    // True when a notification waits to be handled (or the watch failed): the name kept may be
+    // older than the kernel's. Does not wait.
+    bool isNotificationWaiting() const;
+    // Drops the name kept: the next lookup asks the kernel.
+    void forget() { m_index = 0; }
+    // True when the name of interface `index` is kept, so that a lookup asks nothing of the kernel.
+    bool keeps(unsigned index) const { return index != 0 && m_index == index; }
 
     // The name of interface `index` into `name` (IF_NAMESIZE bytes), asked of `socket` when it is
     // not known; false, with errno ENXIO for an unknown index, when there is none.

@@ -43,6 +43,7 @@ constexpr uint32_t kFirstRsDelaySpan = 1001;
 // One IPV6_PKTINFO item on reception.
 constexpr size_t kRxControlSize = 40;
 static_assert(CMSG_SPACE(sizeof(struct in6_pktinfo)) <= kRxControlSize);
+static_assert(kRxControlSize % alignof(struct cmsghdr) == 0, "read-ahead slots of control data stay aligned");
 
 void copyIfName(char (&target)[IFNAMSIZ], const std::string& name) {
     std::snprintf(target, sizeof target, "%s", name.c_str());
@@ -62,7 +63,8 @@ uint32_t firstSolicitationDelay(const std::string& randomSource) {
 
 // ---- Set-up ----
 
-SocketMgr::SocketMgr(uint32_t rsRetryInterval) : m_rsTimeout(rsRetryInterval) {}
+SocketMgr::SocketMgr(uint32_t rsRetryInterval)
+    : m_rsTimeout(rsRetryInterval), m_readAhead(1 + kReadAheadCapacity, kMessageBufferSize, kRxControlSize) {}
 
 SocketMgr::~SocketMgr() {
     // Raw socket, then namespace, then netlink: the timer and strings go with the members.
@@ -232,12 +234,42 @@ bool SocketMgr::isInterfaceUp() {
 
 // ---- Reception ----
 
-uint32_t SocketMgr::receive(Message& message) {
-    constexpr const char* kFn = "receive";
-    message.m_state = Message::MSG_STATE_UNSET;
+namespace {
+
+constexpr const char* kReceiveFn = "receive";
+
+// A message as reception starts it: nothing received, the whole buffer zeroed.
+void clearForReception(SocketMgr::Message& message) {
+    message.m_state = SocketMgr::Message::MSG_STATE_UNSET;
     message.m_data.assign(kMessageBufferSize, 0);
     message.m_length = 0;
     message.m_peer = {};
+}
+
+}  // namespace
+
+uint32_t SocketMgr::receive(Message& message) {
+    clearForReception(message);
+
+    ReadAhead::Datagram datagram{};
+    if (m_readAhead.take(datagram)) {
+        std::memcpy(message.m_data.data(), datagram.data, datagram.length);
+        return accept(message, *datagram.header, datagram.length);
+    }
+    if (m_readAheadMost > 0) {
+        const int read = m_readAhead.read(m_socket.get(), 1 + m_readAheadMost);
+        if (read > 0) {
+            // The ones behind the first arrived before this point; a link notification not yet
+            // handled may be older than some of them, and then only the kernel knows their names.
+            if (read > 1 && m_arrivalNames.isNotificationWaiting()) {
+                m_arrivalNames.forget();
+            }
+            m_readAhead.take(datagram);
+            std::memcpy(message.m_data.data(), datagram.data, datagram.length);
+            return accept(message, *datagram.header, datagram.length);
+        }
+        return readFailed(message);
+    }
 
     struct sockaddr_in6 source {};
     struct iovec scatter {
@@ -254,13 +286,26 @@ uint32_t SocketMgr::receive(Message& message) {
 
     const ssize_t received = ::recvmsg(m_socket.get(), &header, 0);
     if (received < 0) {
-        const int err = errno;
-        SOL_TRACE(ERROR, kCategorySocket, kFn, "[%s] read error on raw socket, errno=%s (%d)", getTraceTag(),
-                  strerror(err), err);
-        message.m_state = Message::MSG_STATE_RX_ERROR;
-        return 1;
+        return readFailed(message);
     }
-    message.m_length = static_cast<size_t>(received);
+    return accept(message, header, static_cast<size_t>(received));
+}
+
+uint32_t SocketMgr::readFailed(Message& message) {
+    constexpr const char* kFn = kReceiveFn;
+    const int err = errno;
+    SOL_TRACE(ERROR, kCategorySocket, kFn, "[%s] read error on raw socket, errno=%s (%d)", getTraceTag(),
+              strerror(err), err);
+    message.m_state = Message::MSG_STATE_RX_ERROR;
+    return 1;
+}
+
+uint32_t SocketMgr::accept(Message& message, const struct msghdr& received, size_t length) {
+    constexpr const char* kFn = kReceiveFn;
+    // The control walk needs a header it may point into.
+    struct msghdr header = received;
+    const struct sockaddr_in6& source = *static_cast<const struct sockaddr_in6*>(header.msg_name);
+    message.m_length = length;
 
     if ((header.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0) {
         SOL_TRACE(ERROR, kCategorySocket, kFn, "[%s] truncated message, received %zu", getTraceTag(),

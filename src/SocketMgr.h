@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <ostream>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "ArrivalNames.h"
+#include "ReadAhead.h"
 #include "SocketText.h"
 #include "SolTimeout.h"
 #include "SolTypes.h"
@@ -21,6 +23,8 @@
 namespace solicd {
 
 inline constexpr size_t kMessageBufferSize = 1024;
+// At most this many datagrams are read with the one receive waits for (setReadAhead).
+inline constexpr size_t kReadAheadCapacity = 31;
 // A solicitation cycle: at most this many RS, this many ms apart.
 inline constexpr uint32_t kRsMaxCount = 3;
 inline constexpr uint32_t kRsRetryInterval = 4000;
@@ -96,6 +100,12 @@ public:
 
     bool isInterfaceUp();
     uint32_t initLocalIpv6AddrFromNetlink();
+    // How many datagrams queued behind the one it waits for receive may read with it, in the same
+    // system call (at most kReadAheadCapacity; 0, the default, reads one at a time). Those are
+    // then given by the next calls of receive, each as it would have been read on its own.
+    void setReadAhead(size_t most) { m_readAheadMost = std::min(most, kReadAheadCapacity); }
+    // True while datagrams read ahead wait to be given by receive.
+    bool hasReadAhead() const { return !m_readAhead.isEmpty(); }
 
     void setVerbose(bool enabled) { m_verbose = enabled; }
     const SolCounter<sol_socket_counters_t>& getCounters() const { return m_counters; }
@@ -118,6 +128,12 @@ protected:
     void reportLinkLocalWait() const;
 
 private:
+    // What receive does with a datagram once it is read: `header` as recvmsg left it, the bytes
+    // already in the message.
+    uint32_t accept(Message& message, const struct msghdr& header, size_t received);
+    // What receive does when the socket refuses a read (errno as the call left it).
+    uint32_t readFailed(Message& message);
+
     RsTimeout m_rsTimeout;
     std::string m_ns;
     std::string m_ifName;
@@ -129,6 +145,8 @@ private:
     UniqueFd m_netlink;
     std::string m_randomSource = "/dev/urandom";
     ArrivalNames m_arrivalNames;
+    ReadAhead m_readAhead;
+    size_t m_readAheadMost = 0;
     std::function<void()> m_linkLocalWaitHook;
 };
 

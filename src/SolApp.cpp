@@ -82,7 +82,10 @@ gboolean cbRaSocketEvent(gint fd, GIOCondition condition, gpointer logic) {
     SOL_TRACE(LAB, "GENERAL", "cbRaSocketEvent", "[%s] Socket event %d, is received on socket %d",
               getTraceTag(), static_cast<int>(condition), fd);
     checkFdCondition("cbRaSocketEvent", fd, condition);
-    static_cast<Logic*>(logic)->handleRaSocketEvent();
+    auto* self = static_cast<Logic*>(logic);
+    self->prepareRaReception();
+    self->handleRaSocketEvent();
+    self->handleQueuedRas();
     return TRUE;
 }
 

@@ -135,6 +135,11 @@ public:
 
     // Event handlers (SolAppHandlers.cpp).
     void handleRaSocketEvent();
+    // Around the RA of a socket wakeup: before it, lets the socket read the datagrams queued
+    // behind it at once while LAB is off; after it, handles those, each as handleRaSocketEvent
+    // handles an RA.
+    void prepareRaReception();
+    void handleQueuedRas();
     void handleCacheExpiredEvent(uint32_t type, const std::string& name);
     bool readyForLmxNotify(bool dataUpdated);
     void handleLmxEvent();

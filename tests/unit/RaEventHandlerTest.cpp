@@ -4,11 +4,14 @@
 #include <gtest/gtest.h>
 
 #include "HandlerDoubles.h"
+#include "LoopbackSocket.h"
 #include "RaVectors.h"
 
 using namespace solicd;
 using namespace solicd::test;
 using SolApp::Logic;
+using solicd::test::loopbackSocket;
+using solicd::test::sendDatagram;
 using ::testing::_;
 using ::testing::An;
 using ::testing::DoDefault;
@@ -374,6 +377,118 @@ TEST_F(RaEventTest, MessagesNotSentAreReleasedWhenTheRaIsDone) {
                             "network network/2001:db8:2::/64", "network network/2001:db8:3::/64",
                             "dns dns/2001:db8::53 dns/2001:db8::54 dns/2001:db8::55"));
     EXPECT_EQ(FakeLmx::instance().liveBuffers(), 0u);
+}
+
+// ---- Datagrams queued behind each other ----
+
+constexpr unsigned kAllButLab = trace::kAllEvents & ~trace::bit(TraceEvent::LAB);
+
+// The socket manager's own reception on a UDP socket on ::1 in place of the raw socket: what a
+// wakeup takes is what the kernel queued. The datagrams come from ::1, not from a link-local
+// address, so none of them announces a router: what is compared is what the socket and the
+// handler do with each.
+class QueuedDatagramTest : public HandlerTest {
+public:
+    void SetUp() override {
+        HandlerTest::SetUp();
+        UniqueFd socket = loopbackSocket(true, &m_address);
+        if (socket.get() <= 0) {
+            GTEST_SKIP() << "no IPv6 loopback here: " << strerror(errno);
+        }
+        m_fd = socket.get();
+        m_data.socket.adoptSocket(std::move(socket), "testns", "lo");
+        ON_CALL(m_data.socket, getFd()).WillByDefault(Return(m_fd));
+        ON_CALL(m_data.socket, receive(_)).WillByDefault([this](SocketMgr::Message& message) {
+            return m_data.socket.SocketMgr::receive(message);
+        });
+    }
+    void TearDown() override { HandlerTest::TearDown(); }
+
+    // Datagrams the socket has taken so far, accepted or rejected.
+    uint64_t taken() const {
+        const auto& counters = m_data.socket.getCounters().m_counters;
+        return counters.rxRa + counters.rxRejected;
+    }
+    // One wakeup of the RA socket on the main loop; how many datagrams it took.
+    uint64_t wakeUp() {
+        const uint64_t before = taken();
+        EXPECT_EQ(SolApp::cbRaSocketEvent(m_fd, G_IO_IN, &m_logic), TRUE);
+        return taken() - before;
+    }
+    void send(size_t size) { sendDatagram(m_address, size); }
+
+    struct sockaddr_in6 m_address {};
+    int m_fd = -1;
+};
+
+TEST_F(QueuedDatagramTest, WhileLabIsOffTheDatagramsWaitingAreTakenInOneWakeup) {
+    TraceCapture capture(kAllButLab);
+    send(64);
+    send(64);
+    send(64);
+    EXPECT_EQ(wakeUp(), 3u);
+    EXPECT_EQ(m_data.socket.getCounters().m_counters.rxRa, 3u);
+    EXPECT_FALSE(m_data.socket.hasReadAhead());
+}
+
+TEST_F(QueuedDatagramTest, WhileLabIsOnEachDatagramHasAWakeupAndASocketEventTraceOfItsOwn) {
+    TraceCapture capture;
+    send(64);
+    send(64);
+    const std::string event =
+        tagged("cbRaSocketEvent", "Socket event 1, is received on socket " + std::to_string(m_fd));
+    const auto events = [&] {
+        std::vector<size_t> at;
+        for (size_t i = 0; i < capture.records().size(); ++i) {
+            if (capture.records()[i] == Trace(TraceEvent::LAB, "GENERAL", event)) {
+                at.push_back(i);
+            }
+        }
+        return at;
+    };
+    // A wakeup with nothing waiting would block: stop at the first that takes more than one.
+    ASSERT_EQ(wakeUp(), 1u);
+    EXPECT_THAT(events(), ElementsAre(0));
+    const size_t firstWakeup = capture.records().size();
+    EXPECT_EQ(wakeUp(), 1u);
+    EXPECT_THAT(events(), ElementsAre(0, firstWakeup));
+    EXPECT_EQ(capture.records().size(), 2 * firstWakeup);
+}
+
+TEST_F(QueuedDatagramTest, AWakeupTakesAtMostItsShareAndLeavesTheRestToTheNext) {
+    TraceCapture capture(kAllButLab);
+    for (size_t i = 0; i < 1 + kReadAheadCapacity + 3; ++i) {
+        send(64);
+    }
+    EXPECT_EQ(wakeUp(), 1 + kReadAheadCapacity);
+    EXPECT_EQ(wakeUp(), 3u);
+}
+
+// Each datagram leaves the traces it leaves in a wakeup of its own, in the same order: accepted,
+// too long (the socket rejects it, the handler reports it), accepted, exactly the buffer.
+TEST_F(QueuedDatagramTest, TakenTogetherTheyLeaveTheTracesTheyLeaveOneByOne) {
+    const std::vector<size_t> sizes = {100, kMessageBufferSize + 1, 64, kMessageBufferSize};
+    TraceCapture capture(kAllButLab);
+    for (size_t size : sizes) {
+        send(size);
+    }
+    EXPECT_EQ(wakeUp(), sizes.size());
+    const std::vector<TraceRecord> together = capture.records();
+    capture.clear();
+    for (size_t size : sizes) {
+        send(size);
+    }
+    m_data.socket.setReadAhead(0);
+    for (size_t i = 0; i < sizes.size(); ++i) {
+        m_logic.handleRaSocketEvent();
+    }
+    EXPECT_EQ(together, capture.records());
+    EXPECT_THAT(together,
+                ::testing::Contains(Trace(TraceEvent::ERROR, "GENERAL",
+                                          tagged("handleRaSocketEvent",
+                                                 "Something went wrong on RA receiving, RX socket "
+                                                 "state is { no: 4, txt: MSG_STATE_RX_TRUNCATED}"))));
+    EXPECT_EQ(m_data.socket.getCounters().m_counters.rxRejected, 2u);
 }
 
 // ---- Packets that go no further ----

@@ -17,10 +17,13 @@
 #include <string>
 #include <vector>
 
+#include "LoopbackSocket.h"
 #include "SocketMgr.h"
 #include "TraceCapture.h"
 
 using namespace solicd;
+using solicd::test::loopbackSocket;
+using solicd::test::sendDatagram;
 using solicd::test::Trace;
 using solicd::test::TraceCapture;
 using solicd::test::TraceRecord;
@@ -37,36 +40,6 @@ using Message = SocketMgr::Message;
 constexpr uint32_t kTestRetryInterval = 200;
 constexpr guint kGuardMs = 30000;
 constexpr const char* kNs = "testns";
-
-UniqueFd loopbackSocket(bool packetInfo, struct sockaddr_in6* bound = nullptr) {
-    UniqueFd fd(::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (fd.get() < 0) {
-        return UniqueFd();
-    }
-    struct sockaddr_in6 address {};
-    address.sin6_family = AF_INET6;
-    address.sin6_addr = in6addr_loopback;
-    const int on = 1;
-    if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        (packetInfo && ::setsockopt(fd.get(), IPPROTO_IPV6, IPV6_RECVPKTINFO, &on, sizeof on) != 0)) {
-        return UniqueFd();
-    }
-    socklen_t length = sizeof address;
-    ::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &length);
-    if (bound != nullptr) {
-        *bound = address;
-    }
-    return fd;
-}
-
-void sendDatagram(const struct sockaddr_in6& to, size_t size) {
-    UniqueFd sender = loopbackSocket(false);
-    ASSERT_GT(sender.get(), 0);
-    const std::vector<uint8_t> payload(size, 0x86);
-    ASSERT_EQ(::sendto(sender.get(), payload.data(), payload.size(), 0,
-                       reinterpret_cast<const sockaddr*>(&to), sizeof to),
-              static_cast<ssize_t>(size));
-}
 
 // SocketMgr with an adopted socket in place of init.
 class SocketDouble : public SocketMgr {
@@ -409,6 +382,135 @@ TEST_F(SocketMgrTest, ReadErrorDiscardsThePreviousContent) {
                 ElementsAre(error(
                     "ADDR_IPV6",
                     "receive(): [] read error on raw socket, errno=Socket operation on non-socket (88)")));
+}
+
+// ---- Datagrams read ahead ----
+
+// What receive gives for one datagram: result, state, bytes and source.
+struct Reception {
+    uint32_t result;
+    uint32_t state;
+    std::vector<uint8_t> data;
+    size_t length;
+    std::vector<uint8_t> peer;
+    bool operator==(const Reception& o) const {
+        return result == o.result && state == o.state && data == o.data && length == o.length &&
+               peer == o.peer;
+    }
+};
+
+Reception receiveOne(SocketMgr& mgr) {
+    Message m;
+    const uint32_t result = mgr.receive(m);
+    return {result, m.m_state, m.m_data, m.m_length,
+            std::vector<uint8_t>(m.m_peer.bytes, m.m_peer.bytes + 16)};
+}
+
+// Accepted, truncated, accepted, exactly the buffer: read in one call, then given one by one as
+// they are given when each is read on its own, with the same traces in the same order and the
+// same counters.
+TEST_F(SocketMgrTest, DatagramsReadAheadAreGivenAsEachIsWhenReadOnItsOwn) {
+    const std::vector<size_t> sizes = {100, kMessageBufferSize + 1, 64, kMessageBufferSize};
+    struct sockaddr_in6 secondAddress {};
+    UniqueFd second = loopbackSocket(true, &secondAddress);
+    ASSERT_GT(second.get(), 0);
+    SocketDouble alone(std::move(m_receiver), "lo");
+    SocketDouble ahead(std::move(second), "lo");
+    ahead.setReadAhead(kReadAheadCapacity);
+    for (size_t size : sizes) {
+        sendDatagram(m_address, size);
+        sendDatagram(secondAddress, size);
+    }
+    std::vector<Reception> oneByOne;
+    for (size_t i = 0; i < sizes.size(); ++i) {
+        oneByOne.push_back(receiveOne(alone));
+        EXPECT_FALSE(alone.hasReadAhead());
+    }
+    const std::vector<TraceRecord> oneByOneTraces = m_capture.records();
+    m_capture.clear();
+
+    std::vector<Reception> readAhead;
+    for (size_t i = 0; i < sizes.size(); ++i) {
+        readAhead.push_back(receiveOne(ahead));
+        EXPECT_EQ(ahead.hasReadAhead(), i + 1 < sizes.size()) << "after datagram " << i;
+    }
+    EXPECT_TRUE(oneByOne == readAhead);
+    EXPECT_EQ(oneByOne[1].state, Message::MSG_STATE_RX_TRUNCATED);
+    EXPECT_EQ(oneByOne[3].state, Message::MSG_STATE_RX_OK);
+    EXPECT_EQ(m_capture.records(), oneByOneTraces);
+    EXPECT_EQ(oneByOneTraces.size(), 4u);
+    EXPECT_EQ(ahead.getCounters().m_counters.rxRa, 3u);
+    EXPECT_EQ(ahead.getCounters().m_counters.rxRejected, 1u);
+}
+
+TEST_F(SocketMgrTest, ReadAheadTakesNoMoreThanAllowedAndTheCapacity) {
+    SocketDouble mgr(std::move(m_receiver), "lo");
+    EXPECT_FALSE(mgr.hasReadAhead());
+    for (size_t i = 0; i < 5; ++i) {
+        sendDatagram(m_address, 64);
+    }
+    mgr.setReadAhead(2);
+    const auto givenFromOneRead = [&] {
+        size_t given = 1;
+        receiveOne(mgr);
+        for (; mgr.hasReadAhead(); ++given) {
+            receiveOne(mgr);
+        }
+        return given;
+    };
+    EXPECT_EQ(givenFromOneRead(), 3u);
+    EXPECT_EQ(givenFromOneRead(), 2u) << "what is there, when less than allowed";
+    mgr.setReadAhead(kReadAheadCapacity + 100);
+    for (size_t i = 0; i < kReadAheadCapacity + 5; ++i) {
+        sendDatagram(m_address, 64);
+    }
+    EXPECT_EQ(givenFromOneRead(), 1 + kReadAheadCapacity);
+    EXPECT_EQ(givenFromOneRead(), 4u);
+    mgr.setReadAhead(0);
+    sendDatagram(m_address, 64);
+    sendDatagram(m_address, 64);
+    EXPECT_EQ(givenFromOneRead(), 1u);
+    EXPECT_EQ(mgr.getCounters().m_counters.rxRa, kReadAheadCapacity + 11);
+}
+
+int g_loNamesAsked = 0;
+char* countedIndexToName(unsigned index, char* name) {
+    ++g_loNamesAsked;
+    return ::if_indextoname(index, name);
+}
+
+// A link notification not yet handled when datagrams are read ahead may be older than some of
+// them: the names they arrived on are then asked of the kernel, not taken from the name kept.
+TEST_F(SocketMgrTest, ALinkNotificationWaitingWhenDatagramsAreReadAheadHasTheirNamesAskedAfresh) {
+    class WatchingDouble : public SocketDouble {
+    public:
+        using SocketDouble::SocketDouble;
+        ArrivalNames& names() { return getArrivalNames(); }
+    } mgr(std::move(m_receiver), "lo");
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+    mgr.names().watch(UniqueFd(ends[0]));
+    mgr.names().resolveWith(&countedIndexToName);
+    g_loNamesAsked = 0;
+    UniqueFd kernel(ends[1]);
+    mgr.setReadAhead(kReadAheadCapacity);
+
+    sendDatagram(m_address, 64);
+    EXPECT_EQ(receiveOne(mgr).state, Message::MSG_STATE_RX_OK);
+    EXPECT_EQ(g_loNamesAsked, 1);
+    sendDatagram(m_address, 64);
+    sendDatagram(m_address, 64);
+    EXPECT_EQ(receiveOne(mgr).state, Message::MSG_STATE_RX_OK);
+    EXPECT_EQ(receiveOne(mgr).state, Message::MSG_STATE_RX_OK);
+    EXPECT_EQ(g_loNamesAsked, 1) << "no notification waits: the name kept serves";
+
+    sendDatagram(m_address, 64);
+    sendDatagram(m_address, 64);
+    ASSERT_EQ(::send(kernel.get(), "link", 4, 0), 4);
+    EXPECT_EQ(receiveOne(mgr).state, Message::MSG_STATE_RX_OK);
+    EXPECT_EQ(g_loNamesAsked, 2);
+    EXPECT_EQ(receiveOne(mgr).state, Message::MSG_STATE_RX_OK);
+    EXPECT_EQ(mgr.getCounters().m_counters.rxRa, 5u);
 }
 
 TEST_F(SocketMgrTest, RaWhileSolicitingMarksTheSolicitationAnswered) {
@@ -852,6 +954,27 @@ TEST_F(ArrivalNamesTest, WhileWatchingTheNameIsAskedOnceUntilALinkChanges) {
     EXPECT_TRUE(m_names.isWatching());
     EXPECT_EQ(lookup(7), "eth7");
     EXPECT_EQ(g_resolved, 2);
+    EXPECT_EQ(lookup(7), "eth7");
+    EXPECT_EQ(g_resolved, 2);
+}
+
+TEST_F(ArrivalNamesTest, ANotificationWaitsUntilTheMainLoopTakesIt) {
+    EXPECT_FALSE(m_names.isNotificationWaiting()) << "nothing watched";
+    watchPair();
+    EXPECT_FALSE(m_names.isNotificationWaiting());
+    notify();
+    EXPECT_TRUE(m_names.isNotificationWaiting());
+    runPending();
+    EXPECT_FALSE(m_names.isNotificationWaiting());
+}
+
+TEST_F(ArrivalNamesTest, AForgottenNameIsAskedOfTheKernelAgain) {
+    watchPair();
+    EXPECT_EQ(lookup(7), "eth7");
+    EXPECT_TRUE(m_names.keeps(7));
+    EXPECT_FALSE(m_names.keeps(0));
+    m_names.forget();
+    EXPECT_FALSE(m_names.keeps(7));
     EXPECT_EQ(lookup(7), "eth7");
     EXPECT_EQ(g_resolved, 2);
 }

@@ -26,6 +26,7 @@ public:
     MOCK_METHOD(uint32_t, init, (const std::string& ns, const std::string& ifName), (override));
     MOCK_METHOD(uint32_t, receive, (Message & message), (override));
     MOCK_METHOD(int, getFd, (), (const, override));
+    using SocketMgr::adoptSocket;
     using SocketMgr::reportLinkLocalWait;
 };
 
