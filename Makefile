@@ -3,7 +3,7 @@ BUILD      ?= build
 JOBS       ?= $(shell nproc)
 BUILD_TYPE ?= RelWithDebInfo
 
-.PHONY: all deps build test demo bench bench-flood bench-scale fuzz install package clean
+.PHONY: all deps build test demo bench bench-flood bench-profile bench-scale fuzz install package clean
 
 all: build
 
@@ -33,6 +33,11 @@ bench: build
 # reference; the table is printed and written to bench/results/latest.md.
 bench-flood: build
 	@bench/flood/run.sh
+
+# Where solicd's time goes per RA under the typical flood (root, perf): system calls, parts of the
+# process and functions; the table is printed and written to bench/results/profile.md.
+bench-profile: build
+	@bench/flood/profile.sh
 
 # The scale benchmark (root): 100 idle daemons in 100 namespaces, their memory (PSS), CPU and
 # wakeups over 20 s; the table is printed and written to bench/results/scale.md.
