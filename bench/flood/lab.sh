@@ -176,7 +176,7 @@ per_ra_us() { awk -v t="$1" -v n="$2" -v hz="$TICKS" 'BEGIN {if (n > 0) printf "
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN {if (b > 0) printf "%.2f", a / b; else print "-"}'; }
 
 # cpu_ns PID: CPU time of all its threads so far, in nanoseconds.
-cpu_ns() { cat /proc/"$1"/task/*/schedstat | awk '{n += $1} END {print n + 0}'; }
+cpu_ns() { cat /proc/"$1"/task/*/schedstat | awk '{n += $1} END {printf "%.0f\n", n}'; }
 
 # drain PID: DRAIN_CYCLES times, while PID is stopped, the typical RA DRAIN_FILL times, more than
 # its socket's queue holds; then PID drains the full queue. Fed as fast as the sender goes, a
