@@ -175,19 +175,27 @@ rate() { awk -v n="$1" -v s="$2" 'BEGIN {printf "%.0f", n / s}'; }
 per_ra_us() { awk -v t="$1" -v n="$2" -v hz="$TICKS" 'BEGIN {if (n > 0) printf "%.2f", t / hz / n * 1e6; else print "-"}'; }
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN {if (b > 0) printf "%.2f", a / b; else print "-"}'; }
 
-# cpu_ns PID: CPU time of all its threads so far, in nanoseconds.
-cpu_ns() { cat /proc/"$1"/task/*/schedstat | awk '{n += $1} END {printf "%.0f\n", n}'; }
+# cpu_ns PID [THREADS]: CPU time so far, in nanoseconds, of its first thread (the one that takes
+# the RAs in every receiver measured here), or with THREADS=all of all its threads.
+cpu_ns() {
+    local stats=/proc/$1/task/$1/schedstat
+    [ "${2:-}" != all ] || stats=$(echo /proc/"$1"/task/*/schedstat)
+    # shellcheck disable=SC2086 # a list of files when THREADS=all
+    cat $stats | awk '{n += $1} END {printf "%.0f\n", n}'
+}
 
 # drain PID: DRAIN_CYCLES times, while PID is stopped, the typical RA DRAIN_FILL times, more than
 # its socket's queue holds; then PID drains the full queue. Fed as fast as the sender goes, a
 # receiver that keeps up gets one RA at a time; a flood beyond what it can take keeps RAs
-# waiting, and this is that: what it costs per RA while RAs wait. Sets DRAIN_NS, the CPU time
-# all its threads used meanwhile.
+# waiting, and this is that: what it costs per RA while RAs wait. Sets DRAIN_NS, the CPU time the
+# thread that takes the RAs used meanwhile, and DRAIN_ALL_NS, that of all its threads: stopping
+# and continuing a process makes each of its threads run, which a flood does not.
 DRAIN_CYCLES=${DRAIN_CYCLES:-50}
 DRAIN_FILL=${DRAIN_FILL:-2000}
 drain() {
-    local pid=$1 before i
+    local pid=$1 before before_all i
     before=$(cpu_ns "$pid")
+    before_all=$(cpu_ns "$pid" all)
     for ((i = 0; i < DRAIN_CYCLES; i++)); do
         kill -STOP "$pid"
         flood --mode typical --count "$DRAIN_FILL" >/dev/null || fail "the flood did not run"
@@ -195,6 +203,7 @@ drain() {
         sleep 0.05
     done
     DRAIN_NS=$(($(cpu_ns "$pid") - before))
+    DRAIN_ALL_NS=$(($(cpu_ns "$pid" all) - before_all))
 }
 
 # typical_flood: FLOOD_SECONDS of the typical RA as fast as the link takes it; sets SENT and

@@ -33,13 +33,13 @@ window() {
     local perf_pid="" w0 w1
     show "$MBOX" "$WORK/before.txt" >/dev/null
     if [ $# -gt 0 ]; then
-        (cd "$WORK" && exec perf "$@" -p "$sol_pid") 2>"$WORK/perf.err" &
+        (cd "$WORK" && exec perf "$@" -t "$sol_pid") 2>"$WORK/perf.err" &
         perf_pid=$!
         sleep 1
     fi
-    w0=$(wakeups "/proc/$sol_pid/status")
+    w0=$(wakeups "/proc/$sol_pid/task/$sol_pid/status")
     drain "$sol_pid"
-    w1=$(wakeups "/proc/$sol_pid/status")
+    w1=$(wakeups "/proc/$sol_pid/task/$sol_pid/status")
     if [ -n "$perf_pid" ]; then
         # Ended by SIGINT, as on a terminal: its status says so, what it wrote says how it went.
         kill -INT "$perf_pid"
@@ -103,10 +103,11 @@ report() {
     echo "| of them poll and ppoll | $(per_ra $(($(stat syscalls:sys_enter_poll) + $(stat syscalls:sys_enter_ppoll)))) |"
     echo "| context switches | $switches |"
     echo
-    echo "CPU (all threads, the scheduler's count) and context switches from a round left alone ($ras"
-    echo "RAs), system calls counted by \`perf stat\` in a second ($stat_ras RAs), samples of \`perf record"
-    echo "-F 9999 --call-graph dwarf\` in a third ($sampled_ras RAs); the CPU per RA is shared out by the"
-    echo "samples. Rows below $PERCENT_LIMIT % of the samples are left out."
+    echo "Everything is of the thread that takes the RAs (stopping and continuing the process makes its"
+    echo "other threads run, which a flood does not). CPU (the scheduler's count) and context switches"
+    echo "from a round left alone ($ras RAs), system calls counted by \`perf stat\` in a second ($stat_ras"
+    echo "RAs), samples of \`perf record -F 9999 --call-graph dwarf\` in a third ($sampled_ras RAs); the CPU"
+    echo "per RA is shared out by the samples. Rows below $PERCENT_LIMIT % of the samples are left out."
     echo
     echo "## By part of the process"
     echo
