@@ -190,7 +190,7 @@ cpu_ns() {
 # waiting, and this is that: what it costs per RA while RAs wait. Sets DRAIN_NS, the CPU time the
 # thread that takes the RAs used meanwhile, and DRAIN_ALL_NS, that of all its threads: stopping
 # and continuing a process makes each of its threads run, which a flood does not.
-DRAIN_CYCLES=${DRAIN_CYCLES:-50}
+DRAIN_CYCLES=${DRAIN_CYCLES:-200}
 DRAIN_FILL=${DRAIN_FILL:-2000}
 drain() {
     local pid=$1 before before_all i
