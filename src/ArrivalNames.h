@@ -42,8 +42,6 @@ public:
     bool isNotificationWaiting() const;
     // Drops the name kept: the next lookup asks the kernel.
     void forget() { m_index = 0; }
-    // True when the name of interface `index` is kept, so that a lookup asks nothing of the kernel.
-    bool keeps(unsigned index) const { return index != 0 && m_index == index; }
 
     // The name of interface `index` into `name` (IF_NAMESIZE bytes), asked of `socket` when it is
     // not known; false, with errno ENXIO for an unknown index, when there is none.
