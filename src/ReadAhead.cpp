@@ -19,17 +19,21 @@ int ReadAhead::read(int socket, size_t most) {
         m_sources.resize(m_capacity);
         m_scatter.resize(m_capacity);
         m_headers.resize(m_capacity);
+        for (size_t i = 0; i < m_capacity; ++i) {
+            m_scatter[i] = {&m_data[i * m_dataSize], m_dataSize};
+            struct msghdr& header = m_headers[i].msg_hdr;
+            header.msg_name = &m_sources[i];
+            header.msg_iov = &m_scatter[i];
+            header.msg_iovlen = 1;
+            header.msg_control = &m_control[i * m_controlSize];
+        }
     }
+    // What the kernel wrote back into a header is given again; the buffers stay where they are.
     for (size_t i = 0; i < most; ++i) {
-        m_scatter[i] = {&m_data[i * m_dataSize], m_dataSize};
         struct msghdr& header = m_headers[i].msg_hdr;
-        header = {};
-        header.msg_name = &m_sources[i];
         header.msg_namelen = sizeof m_sources[i];
-        header.msg_iov = &m_scatter[i];
-        header.msg_iovlen = 1;
-        header.msg_control = &m_control[i * m_controlSize];
         header.msg_controllen = m_controlSize;
+        header.msg_flags = 0;
         m_headers[i].msg_len = 0;
     }
     const int read =
