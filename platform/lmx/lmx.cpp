@@ -131,6 +131,10 @@ lmx_mbox_id_t lmx_sender(const void* msg) {
     return msg == nullptr ? LMX_INVALID_ID : lmx::headerOf(msg).sender;
 }
 
+uid_t lmx_sender_uid(const void* msg) {
+    return msg == nullptr ? static_cast<uid_t>(-1) : lmx::headerOf(msg).senderUid;
+}
+
 uint32_t lmx_msgno(const void* msg) {
     return msg == nullptr ? 0 : lmx::msgNoOf(msg);
 }
@@ -140,11 +144,12 @@ size_t lmx_size(const void* msg) {
 }
 
 int lmx_send(void* msg, lmx_mbox_id_t to, lmx_mbox_id_t from) {
-    lmx::MessagePtr owned(msg);
-    if (owned == nullptr || lmx::isReservedMsgNo(lmx::msgNoOf(owned.get()))) {
+    if (msg == nullptr || lmx::isReservedMsgNo(lmx::msgNoOf(msg))) {
+        lmx_free(msg);
         errno = EINVAL;
         return -1;
     }
+    lmx::MessagePtr owned(msg);
     return withService(-1, [&](lmx::Service& s) { return s.send(std::move(owned), to, from); });
 }
 
@@ -163,6 +168,18 @@ void* lmx_alloc(size_t size, uint32_t msgno) {
 }
 
 void lmx_free(void* msg) {
+    if (msg == nullptr) {
+        return;
+    }
+    // A received message keeps its sender's name known until now.
+    if (lmx::headerOf(msg).holder != 0) {
+        const int saved = errno;
+        withService(0, [msg](lmx::Service& s) {
+            s.disown(msg);
+            return 0;
+        });
+        errno = saved;
+    }
     lmx::freeMessage(msg);
 }
 

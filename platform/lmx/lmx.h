@@ -4,12 +4,23 @@
  * thread per process calls the service; a thread of the service's own, started by lmx_init with
  * every signal blocked, does its work meanwhile. A child forked after lmx_init starts without
  * it (the parent's mailboxes stay the parent's).
- * Failures set errno: EINVAL bad argument or name, EPERM before lmx_init, ENOMEM. */
+ * Failures set errno: EINVAL bad argument or name, EPERM before lmx_init, ENOMEM.
+ *
+ * A sender's name is proven: a peer is heard as mailbox X only if its process runs as the user
+ * that owns X's socket file in this process's mailbox directory; any other peer is refused.
+ *
+ * Mailbox ids are process-local handles of names. A name keeps its id while this process holds
+ * something of it: a mailbox of that name, a connection from or to it, a monitor of it, a message
+ * from it not yet freed or sent on, or the socket file a locate found for it (lmx_locate or a
+ * locate answer; until that file is removed or replaced, as seen at the next lmx_receive). Once
+ * nothing is left the name is forgotten: its old id names nothing (no other name gets it until
+ * some 4 billion ids later) and the name gets a new id if it comes back. */
 #ifndef LMX_H
 #define LMX_H
 
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/types.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -52,6 +63,9 @@ int lmx_get_fd(void);
 void* lmx_receive(const uint32_t* filter, int32_t timeout_ms, uint32_t from);
 /* The sender's mailbox id (process-local handle of the sender's name). */
 lmx_mbox_id_t lmx_sender(const void* msg);
+/* The user the sender's process ran as, which owns the sender's mailbox; (uid_t)-1 for the
+ * service's own answers (locate, monitor) and for buffers that were not received. */
+uid_t lmx_sender_uid(const void* msg);
 /* The message number (its first 32 bits) and its size in bytes. */
 uint32_t lmx_msgno(const void* msg);
 size_t lmx_size(const void* msg);
@@ -73,7 +87,8 @@ size_t lmx_get_max_size(void);
  * mailbox exists (at once if it does). Only the default answer exists: `data` NULL, `sender`
  * LMX_LOCATE_SENDER. Each request is answered once. 0 on success. */
 int lmx_locate_async(const char* name, const void* data, uint32_t sender);
-/* The id of the live mailbox `name`, or LMX_INVALID_ID. */
+/* The id of the live mailbox `name`, or LMX_INVALID_ID; ENOSPC when this process already knows
+ * as many names as it can (65536). */
 lmx_mbox_id_t lmx_locate(const char* name);
 /* Asks for a LMX_MONITOR_DEFAULT_NO message, whose sender is `id`, when that mailbox dies or is
  * deleted (at once if it is already gone); `data` NULL. Returns a monitor id, 0 on failure. */
@@ -82,7 +97,7 @@ uint32_t lmx_monitor(lmx_mbox_id_t id, const void* data);
  * cancelled as well (0). -1 for an id never handed out. */
 int lmx_unmonitor(uint32_t monitor_id);
 
-/* The name behind a mailbox id of this process, or NULL. */
+/* The name behind a mailbox id of this process, or NULL; valid while the id is. */
 const char* lmx_name(lmx_mbox_id_t id);
 
 #ifdef __cplusplus

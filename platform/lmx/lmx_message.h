@@ -2,6 +2,8 @@
 // carry its size and sender through lmx_size / lmx_sender and be freed with one call.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -19,7 +21,10 @@ constexpr size_t kMinMessageSize = sizeof(uint32_t);  // the message number
 struct alignas(16) MessageHeader {
     size_t size = 0;
     lmx_mbox_id_t sender = LMX_INVALID_ID;
-    uint32_t monitorId = 0;  // set on monitor answers, so lmx_unmonitor can withdraw them
+    uint32_t monitorId = 0;                    // set on monitor answers, so lmx_unmonitor can withdraw them
+    uid_t senderUid = static_cast<uid_t>(-1);  // the sending process's user; -1 for the service's own
+    // The service whose name table holds `sender` for this buffer until it is freed or sent; 0 none.
+    uint32_t holder = 0;
 };
 
 // Allocates `size` bytes behind a header; zeroed on request (received messages are overwritten

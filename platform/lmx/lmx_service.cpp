@@ -13,6 +13,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -92,12 +93,12 @@ struct Service::Channel {
 
 // One of our mailboxes.
 struct Service::Listener : Channel {
-    Listener(Fd fd, lmx_mbox_id_t mailbox, const struct stat& file)
+    Listener(Fd fd, NameHold mailbox, const struct stat& file)
         : Channel(Kind::Listener, std::move(fd)),
-          m_mailbox(mailbox),
+          m_mailbox(std::move(mailbox)),
           m_dev(file.st_dev),
           m_ino(file.st_ino) {}
-    const lmx_mbox_id_t m_mailbox;
+    const NameHold m_mailbox;
     const dev_t m_dev;  // the socket file we put in place, so we never remove another's
     const ino_t m_ino;
     std::unordered_set<Token> m_inbound;
@@ -105,9 +106,11 @@ struct Service::Listener : Channel {
 
 // A connection a peer made to one of our mailboxes.
 struct Service::Inbound : Channel {
-    Inbound(Fd fd, lmx_mbox_id_t mailbox) : Channel(Kind::Inbound, std::move(fd)), m_mailbox(mailbox) {}
+    Inbound(Fd fd, lmx_mbox_id_t mailbox, uid_t peerUid)
+        : Channel(Kind::Inbound, std::move(fd)), m_mailbox(mailbox), m_peerUid(peerUid) {}
     const lmx_mbox_id_t m_mailbox;
-    lmx_mbox_id_t m_sender = LMX_INVALID_ID;
+    const uid_t m_peerUid;  // the connecting process's user, from the kernel
+    NameHold m_sender;      // set by the hello
     Intake m_intake;
 };
 
@@ -117,10 +120,13 @@ struct Service::Outbound : Channel {
         MessagePtr msg;
         size_t sent;  // bytes of it the peer already has
     };
-    Outbound(Fd fd, lmx_mbox_id_t from, lmx_mbox_id_t to, size_t packetSize)
-        : Channel(Kind::Outbound, std::move(fd)), m_from(from), m_to(to), m_packetSize(packetSize) {}
-    const lmx_mbox_id_t m_from;
-    const lmx_mbox_id_t m_to;
+    Outbound(Fd fd, lmx_mbox_id_t from, NameHold to, size_t packetSize)
+        : Channel(Kind::Outbound, std::move(fd)),
+          m_from(from),
+          m_to(std::move(to)),
+          m_packetSize(packetSize) {}
+    const lmx_mbox_id_t m_from;  // held by its listener
+    const NameHold m_to;
     const size_t m_packetSize;
     std::deque<Pending> m_queue;
     size_t m_queuedBytes = 0;  // not yet sent, over the whole queue
@@ -129,9 +135,12 @@ struct Service::Outbound : Channel {
 
 // A connection whose only purpose is to end when the peer mailbox does.
 struct Service::MonitorLink : Channel {
-    MonitorLink(Fd fd, lmx_mbox_id_t target, uint32_t monitorId, FileId file)
-        : Channel(Kind::Monitor, std::move(fd)), m_target(target), m_monitorId(monitorId), m_file(file) {}
-    const lmx_mbox_id_t m_target;
+    MonitorLink(Fd fd, NameHold target, uint32_t monitorId, FileId file)
+        : Channel(Kind::Monitor, std::move(fd)),
+          m_target(std::move(target)),
+          m_monitorId(monitorId),
+          m_file(file) {}
+    const NameHold m_target;
     const uint32_t m_monitorId;
     const FileId m_file;  // the target's socket file when the monitor began
 };
@@ -139,8 +148,15 @@ struct Service::MonitorLink : Channel {
 // ---------------------------------------------------------------------------------------------
 // Start and end
 
+namespace {
+std::atomic<uint32_t> g_serials{0};
+}
+
 Service::Service(unsigned mailboxes)
-    : m_mailboxLimit(mailboxes), m_nextToken(kDeathTimerToken + 1), m_packet(kMaxPacketSize) {}
+    : m_mailboxLimit(mailboxes),
+      m_serial(++g_serials),
+      m_nextToken(kDeathTimerToken + 1),
+      m_packet(kMaxPacketSize) {}
 
 std::unique_ptr<Service> Service::start(unsigned mailboxes) {
     std::unique_ptr<Service> service(new Service(mailboxes));
@@ -288,12 +304,12 @@ int Service::connectMailbox(std::string_view name, Fd& sock, struct stat* file) 
     return 0;
 }
 
-bool Service::isLive(std::string_view name) const {
+bool Service::isLive(std::string_view name, struct stat* file) const {
     if (const lmx_mbox_id_t id = m_names.lookup(name); id != LMX_INVALID_ID && m_mailboxes.count(id) != 0) {
         return true;
     }
     Fd sock;
-    const int err = connectMailbox(name, sock);
+    const int err = connectMailbox(name, sock, file);
     // EAGAIN: its backlog is full, but someone listens.
     return err == 0 || err == EAGAIN;
 }
@@ -340,11 +356,12 @@ lmx_mbox_id_t Service::createMailbox(const char* name) {
         errno = ENOSPC;
         return LMX_INVALID_ID;
     }
-    const lmx_mbox_id_t id = m_names.intern(name);
-    if (id == LMX_INVALID_ID) {
+    NameHold hold(m_names, std::string_view(name));
+    if (!hold) {
         errno = ENOSPC;
         return LMX_INVALID_ID;
     }
+    const lmx_mbox_id_t id = hold.id();
     if (m_mailboxes.count(id) != 0) {
         errno = EADDRINUSE;
         return LMX_INVALID_ID;
@@ -383,7 +400,8 @@ lmx_mbox_id_t Service::createMailbox(const char* name) {
         errno = err;
         return LMX_INVALID_ID;
     }
-    const Token token = addChannel(std::make_unique<Listener>(std::move(sock), id, file), EPOLLIN);
+    const Token token =
+        addChannel(std::make_unique<Listener>(std::move(sock), std::move(hold), file), EPOLLIN);
     if (token == 0) {
         err = errno;
         removeIfSame(name, file.st_dev, file.st_ino);
@@ -458,7 +476,7 @@ void Service::drop(Token token) {
             break;
         case Channel::Kind::Outbound: {
             const auto& out = static_cast<Outbound&>(channel);
-            m_outbound.erase({out.m_from, out.m_to});
+            m_outbound.erase({out.m_from, out.m_to.id()});
             break;
         }
         case Channel::Kind::Monitor:
@@ -509,7 +527,7 @@ void Service::dispatch(const epoll_event& event) {
             break;
         case Channel::Kind::Monitor: {
             const auto& link = static_cast<MonitorLink&>(channel);
-            answerDeath(link.m_monitorId, link.m_target, link.m_file);
+            answerDeath(link.m_monitorId, link.m_target.id(), link.m_file);
             keep = false;
             break;
         }
@@ -535,11 +553,14 @@ void Service::acceptInbound(Listener& listener) {
             }
             return;
         }
-        if (listener.m_inbound.size() >= kMaxInboundPerMailbox) {
+        ucred peer{};
+        socklen_t peerLen = sizeof peer;
+        if (listener.m_inbound.size() >= kMaxInboundPerMailbox ||
+            ::getsockopt(conn.get(), SOL_SOCKET, SO_PEERCRED, &peer, &peerLen) != 0) {
             continue;  // refused: closing it tells the peer
         }
-        const Token token =
-            addChannel(std::make_unique<Inbound>(std::move(conn), listener.m_mailbox), EPOLLIN);
+        const Token token = addChannel(
+            std::make_unique<Inbound>(std::move(conn), listener.m_mailbox.id(), peer.uid), EPOLLIN);
         if (token != 0) {
             listener.m_inbound.insert(token);
         }
@@ -567,15 +588,21 @@ bool Service::readInbound(Inbound& inbound) {
                 break;
             case Intake::Step::Hello:
                 if (inbound.m_intake.kind() == LinkKind::Data) {
-                    inbound.m_sender = m_names.intern(inbound.m_intake.peerName());
-                    if (inbound.m_sender == LMX_INVALID_ID) {
+                    // A name is proven, not claimed: only its owner speaks as it.
+                    const std::string& name = inbound.m_intake.peerName();
+                    if (!speaksFor(inbound.m_peerUid, name)) {
+                        return false;
+                    }
+                    inbound.m_sender = NameHold(m_names, std::string_view(name));
+                    if (!inbound.m_sender) {
                         return false;
                     }
                 }
                 break;
             case Intake::Step::Message: {
                 MessagePtr msg = inbound.m_intake.takeMessage();
-                headerOf(msg.get()).sender = inbound.m_sender;
+                headerOf(msg.get()).sender = inbound.m_sender.id();
+                headerOf(msg.get()).senderUid = inbound.m_peerUid;
                 deliver(std::move(msg));
                 return true;  // one message per turn, so no peer can flood the inbox
             }
@@ -630,8 +657,8 @@ Service::Outbound* Service::outboundTo(lmx_mbox_id_t from, lmx_mbox_id_t to) {
     if (!sendWhole(sock.get(), hello.bytes.data(), hello.size)) {
         return nullptr;
     }
-    const Token token =
-        addChannel(std::make_unique<Outbound>(std::move(sock), from, to, packetSize), EPOLLIN);
+    const Token token = addChannel(
+        std::make_unique<Outbound>(std::move(sock), from, NameHold(m_names, to), packetSize), EPOLLIN);
     if (token == 0) {
         return nullptr;
     }
@@ -640,6 +667,7 @@ Service::Outbound* Service::outboundTo(lmx_mbox_id_t from, lmx_mbox_id_t to) {
 }
 
 int Service::send(MessagePtr msg, lmx_mbox_id_t to, lmx_mbox_id_t from) {
+    disown(msg.get());
     if (m_mailboxes.count(from) == 0 || m_names.find(to) == nullptr) {
         errno = EINVAL;
         return -1;
@@ -753,13 +781,23 @@ lmx_mbox_id_t Service::locate(const char* name) {
         errno = EINVAL;
         return LMX_INVALID_ID;
     }
-    if (!isLive(name)) {
+    struct stat file {};
+    if (!isLive(name, &file)) {
         errno = ENOENT;
         return LMX_INVALID_ID;
     }
-    const lmx_mbox_id_t id = m_names.intern(name);
+    const lmx_mbox_id_t id = keepLocated(name, file);
     if (id == LMX_INVALID_ID) {
         errno = ENOSPC;
+    }
+    return id;
+}
+
+lmx_mbox_id_t Service::keepLocated(std::string_view name, const struct stat& file) {
+    NameHold hold(m_names, name);
+    const lmx_mbox_id_t id = hold.id();
+    if (hold && m_mailboxes.count(id) == 0) {  // ours are held by their listeners
+        m_located.insert_or_assign(id, Located{std::move(hold), file.st_dev, file.st_ino});
     }
     return id;
 }
@@ -771,22 +809,23 @@ int Service::locateAsync(const char* name, const void* data, uint32_t sender) {
         return -1;
     }
     // Looked at again once the watch is in place, so an appearance in between is not missed.
-    if (!isLive(name)) {
+    struct stat file {};
+    if (!isLive(name, &file)) {
         if (!watchDirectory()) {
             return -1;
         }
-        if (!isLive(name)) {
+        if (!isLive(name, &file)) {
             ++m_pendingLocates[name];
             return 0;
         }
         unwatchDirectoryIfIdle();
     }
-    answerLocates(name, 1);
+    answerLocates(name, 1, file);
     return 0;
 }
 
-void Service::answerLocates(const std::string& name, unsigned count) {
-    const lmx_mbox_id_t id = m_names.intern(name);
+void Service::answerLocates(const std::string& name, unsigned count, const struct stat& file) {
+    const lmx_mbox_id_t id = keepLocated(name, file);
     for (unsigned i = 0; i < count && id != LMX_INVALID_ID; ++i) {
         deliverAnswer(LMX_LOCATE_DEFAULT_NO, id, 0);
     }
@@ -843,10 +882,11 @@ void Service::readDirectoryEvents() {
     }
     for (const std::string& name : appeared) {
         const auto it = m_pendingLocates.find(name);
-        if (it != m_pendingLocates.end() && isLive(name)) {
+        struct stat file {};
+        if (it != m_pendingLocates.end() && isLive(name, &file)) {
             const unsigned count = it->second;
             m_pendingLocates.erase(it);
-            answerLocates(name, count);
+            answerLocates(name, count, file);
         }
     }
     unwatchDirectoryIfIdle();
@@ -873,8 +913,9 @@ uint32_t Service::monitor(lmx_mbox_id_t id, const void* data) {
     // If the peer dies before the hello gets there, the link still ends and reports it.
     const Hello hello = encodeHello(LinkKind::Monitor, {});
     sendWhole(sock.get(), hello.bytes.data(), hello.size);
-    const Token token =
-        addChannel(std::make_unique<MonitorLink>(std::move(sock), id, monitorId, fileId(file)), EPOLLIN);
+    const Token token = addChannel(
+        std::make_unique<MonitorLink>(std::move(sock), NameHold(m_names, id), monitorId, fileId(file)),
+        EPOLLIN);
     if (token == 0) {
         return 0;
     }
@@ -897,6 +938,12 @@ int Service::unmonitor(uint32_t monitorId) {
     return 0;
 }
 
+bool Service::speaksFor(uid_t uid, const std::string& name) const {
+    struct stat st {};
+    return ::fstatat(m_dir.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISSOCK(st.st_mode) &&
+           st.st_uid == uid;
+}
+
 bool Service::stillListens(std::string_view name, const FileId& file) const {
     Fd sock;
     struct stat now {};
@@ -910,8 +957,8 @@ void Service::answerDeath(uint32_t monitorId, lmx_mbox_id_t target, const FileId
         deliverAnswer(LMX_MONITOR_DEFAULT_NO, target, monitorId);
         return;
     }
-    m_pendingDeaths.push_back(
-        {monitorId, target, *name, file, std::chrono::steady_clock::now() + kDeathCheckLimit});
+    m_pendingDeaths.push_back({monitorId, NameHold(m_names, target), *name, file,
+                               std::chrono::steady_clock::now() + kDeathCheckLimit});
     armDeathTimer(true);
 }
 
@@ -922,7 +969,7 @@ void Service::answerDeathsDue() {
         if (now < d.giveUp && stillListens(d.name, d.file)) {
             return false;
         }
-        deliverAnswer(LMX_MONITOR_DEFAULT_NO, d.target, d.monitorId);
+        deliverAnswer(LMX_MONITOR_DEFAULT_NO, d.target.id(), d.monitorId);
         return true;
     });
     armDeathTimer(!m_pendingDeaths.empty());
@@ -941,8 +988,21 @@ void Service::armDeathTimer(bool on) {
 // The inbox
 
 void Service::deliver(MessagePtr msg) {
-    m_inboxBytes += headerOf(msg.get()).size;
+    MessageHeader& header = headerOf(msg.get());
     m_inbox.push_back(std::move(msg));
+    m_inboxBytes += header.size;
+    // The sender's name stays known while the message lives, in the inbox or the application's hands.
+    if (m_names.hold(header.sender)) {
+        header.holder = m_serial;
+    }
+}
+
+void Service::disown(void* msg) {
+    MessageHeader& header = headerOf(msg);
+    if (header.holder == m_serial) {
+        header.holder = 0;
+        m_names.release(header.sender);
+    }
 }
 
 void Service::deliverAnswer(uint32_t msgNo, lmx_mbox_id_t sender, uint32_t monitorId) {
@@ -989,8 +1049,18 @@ void Service::withdrawAnswers(uint32_t monitorId) {
             msgNoOf(msg.get()) == LMX_MONITOR_DEFAULT_NO && headerOf(msg.get()).monitorId == monitorId;
         if (withdrawn) {
             m_inboxBytes -= headerOf(msg.get()).size;
+            disown(msg.get());
         }
         return withdrawn;
+    });
+}
+
+void Service::forgetLocatedGone() {
+    std::erase_if(m_located, [this](const auto& entry) {
+        const Located& located = entry.second;
+        struct stat now {};
+        return ::fstatat(m_dir.get(), m_names.find(entry.first)->c_str(), &now, AT_SYMLINK_NOFOLLOW) != 0 ||
+               now.st_dev != located.dev || now.st_ino != located.ino;
     });
 }
 
@@ -1011,6 +1081,7 @@ void* Service::receive(const uint32_t* filter, int32_t timeoutMs, uint32_t from,
                        std::unique_lock<std::mutex>& held) {
     using Clock = std::chrono::steady_clock;
     const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(std::max(timeoutMs, 0));
+    forgetLocatedGone();
     for (;;) {
         if (MessagePtr msg = take(filter, from)) {
             return msg.release();

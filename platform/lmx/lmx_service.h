@@ -96,6 +96,9 @@ public:
     uint32_t monitor(lmx_mbox_id_t id, const void* data);
     int unmonitor(uint32_t monitorId);
     const char* name(lmx_mbox_id_t id) const;
+    // Lets go of the hold a received message keeps on its sender's name, when it is this
+    // service's; the buffer is being freed or sent on.
+    void disown(void* msg);
     // Makes the eventfd readable exactly while the inbox holds something; called after every
     // operation and every turn of the service thread, so a message delivered and taken within one
     // call costs no system call.
@@ -120,7 +123,9 @@ private:
     // Connects to the mailbox `name`; 0, or the errno of the failure (ENOTSOCK when the file is
     // not a socket). `file` receives the socket file's identity.
     int connectMailbox(std::string_view name, Fd& sock, struct stat* file = nullptr) const;
-    bool isLive(std::string_view name) const;
+    // Whether someone listens on the mailbox `name`; `file` receives its socket file's identity
+    // when it is not one of ours.
+    bool isLive(std::string_view name, struct stat* file = nullptr) const;
     // A socket file, told apart from a later one of the same name.
     struct FileId {
         dev_t dev = 0;
@@ -134,13 +139,16 @@ private:
     static FileId fileId(const struct stat& st) { return FileId{st.st_dev, st.st_ino, st.st_ctim}; }
     // Whether the mailbox `name` still takes connections on the socket file `file`.
     bool stillListens(std::string_view name, const FileId& file) const;
+    // Whether a peer whose process runs as `uid` may speak as mailbox `name`: it owns the
+    // mailbox's socket file in our directory.
+    bool speaksFor(uid_t uid, const std::string& name) const;
 
     // A monitored mailbox's link closes while its dying owner's other descriptors, its listening
     // socket among them, are still being closed: the answer waits until that socket refuses (or
     // the name has another file), so that whoever reads it never finds the dead mailbox again.
     struct PendingDeath {
         uint32_t monitorId;
-        lmx_mbox_id_t target;
+        NameHold target;
         std::string name;
         FileId file;
         std::chrono::steady_clock::time_point giveUp;
@@ -170,14 +178,18 @@ private:
     bool watchDirectory();
     void unwatchDirectoryIfIdle();
     void readDirectoryEvents();
-    void answerLocates(const std::string& name, unsigned count);
+    void answerLocates(const std::string& name, unsigned count, const struct stat& file);
+    // The id of a mailbox found live, its socket file `file`, kept while that file is in place.
+    lmx_mbox_id_t keepLocated(std::string_view name, const struct stat& file);
 
     void deliver(MessagePtr msg);
     void deliverAnswer(uint32_t msgNo, lmx_mbox_id_t sender, uint32_t monitorId);
     MessagePtr take(const uint32_t* filter, uint32_t from);
     void withdrawAnswers(uint32_t monitorId);
+    void forgetLocatedGone();
 
     const unsigned m_mailboxLimit;
+    const uint32_t m_serial;  // tells this service's buffers from those of an earlier one
     std::string m_dirPath;
     Fd m_dir;
     Fd m_inner;  // sockets, the directory watch and m_wake: what the service thread waits on
@@ -191,8 +203,8 @@ private:
     bool m_stopping = false;
     Fd m_notify;  // inotify on the directory, watched only while locates wait
     int m_watch = -1;
-    Fd m_reserve;  // given up for a moment to shed a connection when descriptors run out
-    NameTable m_names;
+    Fd m_reserve;       // given up for a moment to shed a connection when descriptors run out
+    NameTable m_names;  // before everything that holds names in it, so it goes after them
     std::unordered_map<Token, std::unique_ptr<Channel>> m_channels;
     Token m_nextToken;
     std::map<lmx_mbox_id_t, Token> m_mailboxes;
@@ -200,6 +212,14 @@ private:
     std::map<uint32_t, Token> m_monitors;
     uint32_t m_lastMonitorId = 0;
     std::map<std::string, unsigned> m_pendingLocates;  // name -> requests waiting for it
+    // The names located for the application (lmx_locate, locate answers), kept while the socket
+    // file found then is in place: it may keep such an id without holding anything else of it.
+    struct Located {
+        NameHold name;
+        dev_t dev;
+        ino_t ino;
+    };
+    std::map<lmx_mbox_id_t, Located> m_located;
     std::vector<PendingDeath> m_pendingDeaths;
     Fd m_deathTimer;  // runs while m_pendingDeaths is not empty
     std::deque<MessagePtr> m_inbox;

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -151,6 +152,22 @@ bool rawSend(int fd, const std::vector<uint8_t>& packet) {
     return ::send(fd, packet.data(), packet.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(packet.size());
 }
 
+// A listening socket file at `path`, put in place as mailboxes appear (listening under another
+// name, then renamed), as a mailbox's owner has it; -1 on failure.
+int rawListener(const std::string& path) {
+    const std::string hidden = path + ".new";
+    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, hidden.c_str(), sizeof addr.sun_path - 1);
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0 || ::listen(fd, 8) != 0 ||
+        ::rename(hidden.c_str(), path.c_str()) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
 std::vector<uint8_t> helloFrom(const std::string& name) {
     const lmx::Hello hello = lmx::encodeHello(lmx::LinkKind::Data, name);
     return std::vector<uint8_t>(hello.bytes.begin(), hello.bytes.begin() + hello.size);
@@ -187,6 +204,9 @@ protected:
     }
     void TearDown() override {
         lmx_exit();
+        for (const int fd : m_rawMailboxes) {
+            ::close(fd);
+        }
         std::filesystem::remove_all(m_root);
         ::unsetenv("LMX_DIR");
     }
@@ -215,8 +235,16 @@ protected:
         return names;
     }
 
+    // A mailbox `name` of this process's user that a raw connection may then speak as.
+    void rawMailbox(const std::string& name) {
+        const int fd = rawListener(path(name));
+        ASSERT_GE(fd, 0) << name;
+        m_rawMailboxes.push_back(fd);
+    }
+
     std::string m_root;
     std::string m_dir;
+    std::vector<int> m_rawMailboxes;
 };
 
 }  // namespace
@@ -426,6 +454,10 @@ TEST_F(LmxServiceTest, MonitorReportsAPeerThatDeletesItsMailbox) {
     EXPECT_EQ(lmx_sender(gone.get()), p);
     EXPECT_TRUE(peer->running());
     EXPECT_FALSE(std::filesystem::exists(path(kPeer)));
+    // The answer holds the name; with it the name goes.
+    EXPECT_STREQ(lmx_name(p), kPeer);
+    gone.reset();
+    EXPECT_EQ(lmx_name(p), nullptr);
 }
 
 TEST_F(LmxServiceTest, MonitorOfAMailboxAlreadyGoneAnswersAtOnce) {
@@ -458,8 +490,7 @@ TEST_F(LmxServiceTest, UnmonitorCancelsBeforeAndAfterTheAnswer) {
     EXPECT_EQ(lmx_unmonitor(monitor), 0);
     peer->kill(SIGKILL);
     peer->wait();  // the kernel closed its sockets before it could be reaped
-    EXPECT_EQ(lmx_receive(nullptr, 0, LMX_ANY_SENDER), nullptr);
-    EXPECT_FALSE(readable(lmx_get_fd()));
+    EXPECT_FALSE(readable(lmx_get_fd(), kQuietMs));
 
     // An answer already waiting is withdrawn.
     const uint32_t late = lmx_monitor(p, nullptr);
@@ -709,6 +740,7 @@ TEST_F(LmxServiceTest, DescriptorIsReadableExactlyWhileAMessageWaits) {
 
 TEST_F(LmxServiceTest, DescriptorStaysQuietThroughTheServicesOwnWork) {
     startAsMe();
+    rawMailbox("raw");
     const auto quiet = [] { return !readable(lmx_get_fd(), kQuietMs); };
 
     // A peer connecting, saying hello, sending half a message, and leaving.
@@ -767,22 +799,6 @@ TEST_F(LmxServiceTest, DescriptorBecomesReadableForALocateAnswerAndForAMonitorAn
     ASSERT_NE(gone, nullptr);
     EXPECT_EQ(lmx_msgno(gone.get()), LMX_MONITOR_DEFAULT_NO);
     EXPECT_FALSE(readable(lmx_get_fd(), kQuietMs));
-}
-
-// A listening socket file at `path`, put in place as mailboxes appear (listening under another
-// name, then renamed), as a mailbox's owner has it; -1 on failure.
-int rawListener(const std::string& path) {
-    const std::string hidden = path + ".new";
-    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::strncpy(addr.sun_path, hidden.c_str(), sizeof addr.sun_path - 1);
-    if (::bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0 || ::listen(fd, 8) != 0 ||
-        ::rename(hidden.c_str(), path.c_str()) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
 }
 
 // A mailbox's owner as a raw listening socket, monitored by this process; its monitor link
@@ -858,6 +874,7 @@ TEST_F(LmxServiceTest, DeathIsAnsweredWithinASecondEvenWhileTheNameStillListens)
 
 TEST_F(LmxServiceTest, PeerFloodingAnApplicationThatDoesNotReadStopsAtTheInboxBound) {
     startAsMe();
+    rawMailbox("raw");
     const int raw = rawConnect(path(kMe));
     ASSERT_GE(raw, 0);
     ASSERT_TRUE(rawSend(raw, helloFrom("raw")));
@@ -904,6 +921,7 @@ TEST_F(LmxServiceTest, FilterAndSenderSelectWhichMessageIsTaken) {
 TEST_F(LmxServiceTest, MalformedPeerInputDropsOnlyThatConnection) {
     auto peer = startPeer();
     startAsMe();
+    rawMailbox("raw");
     // A good peer with a connection already in use.
     peer->say('s');
     ASSERT_EQ(peer->listen(), 's');
@@ -1038,4 +1056,236 @@ TEST_F(LmxServiceTest, MailboxTakesAtMost1024ConnectionsAndRoomComesBack) {
                    : 4;
     });
     EXPECT_EQ(host.wait(), 0);
+}
+
+// ---- Sender names: proven by their owner, known while something of them lives ----
+
+// Connects to `to` and says hello as `name`; the socket, or -1.
+int rawPeerAs(const std::string& to, const std::string& name) {
+    const int raw = rawConnect(to);
+    if (raw >= 0 && !rawSend(raw, helloFrom(name))) {
+        ::close(raw);
+        return -1;
+    }
+    return raw;
+}
+
+TEST_F(LmxServiceTest, HelloNamingNoSocketFileOfThePeersOwnIsRefused) {
+    startAsMe();
+    // No such mailbox; a plain file; a link to a mailbox of ours, which is not followed.
+    ASSERT_EQ(::close(::open(path("plain").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600)), 0);
+    rawMailbox("real");
+    ASSERT_EQ(::symlink(path("real").c_str(), path("link").c_str()), 0);
+    for (const char* name : {"absent", "plain", "link"}) {
+        const int raw = rawPeerAs(path(kMe), name);
+        ASSERT_GE(raw, 0) << name;
+        rawSend(raw, fragment(12, 0, 12));
+        EXPECT_TRUE(closedByService(raw)) << name;
+        ::close(raw);
+    }
+    // The owner of the real one is heard, and its messages carry its user.
+    const int raw = rawPeerAs(path(kMe), "real");
+    ASSERT_TRUE(rawSend(raw, fragment(12, 0, 12)));
+    LmxMessage msg = receiveWithinGuard();
+    ASSERT_NE(msg, nullptr);
+    EXPECT_STREQ(lmx_name(lmx_sender(msg.get())), "real");
+    EXPECT_EQ(lmx_sender_uid(msg.get()), ::geteuid());
+    ::close(raw);
+}
+
+TEST_F(LmxServiceTest, HelloNamingAnotherUsersMailboxIsRefusedEvenFromRoot) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root to give a socket file to another user";
+    }
+    const lmx_mbox_id_t me = startAsMe();
+    rawMailbox("theirs");
+    constexpr uid_t kOther = 65534;
+    ASSERT_EQ(::lchown(path("theirs").c_str(), kOther, static_cast<gid_t>(-1)), 0);
+    const int raw = rawPeerAs(path(kMe), "theirs");
+    ASSERT_GE(raw, 0);
+    rawSend(raw, fragment(12, 0, 12));
+    EXPECT_TRUE(closedByService(raw));
+    ::close(raw);
+    // A mailbox of our own still speaks, to itself as to anyone.
+    ASSERT_EQ(lmx_send(lmx_alloc(4, kPing), me, me), 0);
+    LmxMessage msg = receiveWithinGuard();
+    ASSERT_NE(msg, nullptr);
+    EXPECT_EQ(lmx_sender(msg.get()), me);
+    EXPECT_EQ(lmx_sender_uid(msg.get()), 0u);
+}
+
+TEST_F(LmxServiceTest, ServiceAnswersAndUnreceivedBuffersHaveNoSenderUser) {
+    auto peer = startPeer();
+    startAsMe();
+    ASSERT_EQ(lmx_locate_async(kPeer, nullptr, LMX_LOCATE_SENDER), 0);
+    LmxMessage located = receiveWithinGuard();
+    ASSERT_NE(located, nullptr);
+    EXPECT_EQ(lmx_sender_uid(located.get()), static_cast<uid_t>(-1));
+    LmxMessage own(lmx_alloc(4, kPing));
+    EXPECT_EQ(lmx_sender_uid(own.get()), static_cast<uid_t>(-1));
+    EXPECT_EQ(lmx_sender_uid(nullptr), static_cast<uid_t>(-1));
+}
+
+TEST_F(LmxServiceTest, SendersNameStaysWhileItsMessageIsHeldThenItsIdNamesNothing) {
+    const lmx_mbox_id_t me = startAsMe();
+    LmxMessage msg;
+    {
+        auto peer = startPeer();
+        peer->say('s');
+        ASSERT_EQ(peer->listen(), 's');
+        msg = receiveWithinGuard();
+        ASSERT_NE(msg, nullptr);
+        peer->kill(SIGKILL);
+        peer->wait();
+    }
+    const lmx_mbox_id_t gone = lmx_sender(msg.get());
+    // Its connection is closed, its message still held: the id keeps its name and meaning.
+    EXPECT_FALSE(readable(lmx_get_fd(), kQuietMs));
+    EXPECT_STREQ(lmx_name(gone), kPeer);
+    errno = 0;
+    EXPECT_EQ(lmx_send(lmx_alloc(4, kPing), gone, me), -1);
+    EXPECT_EQ(errno, ECONNREFUSED);  // its stale file refuses; the name is still the peer's
+    // Freed: the name is forgotten. A new peer of that name gets another id, and the old one
+    // never reaches it.
+    msg.reset();
+    EXPECT_EQ(lmx_name(gone), nullptr);
+    auto successor = startPeer();
+    const lmx_mbox_id_t now = lmx_locate(kPeer);
+    ASSERT_NE(now, LMX_INVALID_ID);
+    EXPECT_NE(now, gone);
+    errno = 0;
+    EXPECT_EQ(lmx_send(lmx_alloc(4, kPing), gone, me), -1);
+    EXPECT_EQ(errno, EINVAL);
+    successor->say('e');
+    EXPECT_EQ(successor->listen(kQuietMs), 0) << "the successor got a message sent to the old id";
+}
+
+TEST_F(LmxServiceTest, MessageSentOnKeepsItsSendersNameOnlyUntilSent) {
+    const lmx_mbox_id_t me = startAsMe();
+    auto peer = startPeer();
+    peer->say('s');
+    ASSERT_EQ(peer->listen(), 's');
+    LmxMessage msg = receiveWithinGuard();
+    ASSERT_NE(msg, nullptr);
+    const lmx_mbox_id_t p = lmx_sender(msg.get());
+    // Sent on to ourselves: the name is held by the copy that arrives, not by the one sent.
+    ASSERT_EQ(lmx_send(msg.release(), me, me), 0);
+    LmxMessage back = receiveWithinGuard();
+    ASSERT_NE(back, nullptr);
+    EXPECT_EQ(lmx_sender(back.get()), me);
+    peer->say('d');
+    ASSERT_EQ(peer->listen(), 'd');
+    EXPECT_TRUE(eventually([p] { return lmx_name(p) == nullptr; }));
+}
+
+TEST_F(LmxServiceTest, LocatedNameLastsWhileItsSocketFileIsInPlace) {
+    startAsMe();
+    auto peer = startPeer();
+    const lmx_mbox_id_t located = lmx_locate(kPeer);
+    ASSERT_NE(located, LMX_INVALID_ID);
+    EXPECT_EQ(lmx_locate(kPeer), located);
+    // Held by nothing else, it lasts: the peer's first message comes under that id.
+    EXPECT_EQ(lmx_receive(nullptr, 0, LMX_ANY_SENDER), nullptr);
+    EXPECT_STREQ(lmx_name(located), kPeer);
+    peer->say('s');
+    ASSERT_EQ(peer->listen(), 's');
+    LmxMessage ping(lmx_receive(nullptr, kGuardMs, located));
+    ASSERT_NE(ping, nullptr);
+    EXPECT_EQ(lmx_sender(ping.get()), located);
+    ping.reset();
+    // The mailbox deleted, its file goes: the next receive lets the name go once nothing else
+    // holds it (the peer's connection to us ends with the mailbox).
+    peer->say('d');
+    ASSERT_EQ(peer->listen(), 'd');
+    EXPECT_TRUE(eventually([located] {
+        LmxMessage(lmx_receive(nullptr, 0, LMX_ANY_SENDER));
+        return lmx_name(located) == nullptr;
+    }));
+    // A stale file replaced by a new owner's lets it go as well.
+    peer->say('c');
+    ASSERT_EQ(peer->listen(), 'r');
+    const lmx_mbox_id_t again = lmx_locate(kPeer);
+    EXPECT_NE(again, located);
+    peer->kill(SIGKILL);
+    peer->wait();
+    EXPECT_EQ(lmx_receive(nullptr, 0, LMX_ANY_SENDER), nullptr);
+    EXPECT_STREQ(lmx_name(again), kPeer);  // its file stays behind
+    auto successor = startPeer();
+    EXPECT_EQ(lmx_receive(nullptr, 0, LMX_ANY_SENDER), nullptr);
+    EXPECT_EQ(lmx_name(again), nullptr);
+}
+
+TEST_F(LmxServiceTest, IdFromALocateAnswerOutlivesTheAnswerWhileItsMailboxIsThere) {
+    // As a daemon meets its client: the answer read, freed, and the id monitored afterwards.
+    startAsMe();
+    ASSERT_EQ(lmx_locate_async(kPeer, nullptr, LMX_LOCATE_SENDER), 0);
+    auto peer = startPeer();
+    LmxMessage answer = receiveWithinGuard();
+    ASSERT_NE(answer, nullptr);
+    const lmx_mbox_id_t client = lmx_sender(answer.get());
+    answer.reset();
+    EXPECT_EQ(lmx_receive(nullptr, 0, LMX_ANY_SENDER), nullptr);
+    EXPECT_STREQ(lmx_name(client), kPeer);
+    EXPECT_EQ(lmx_locate(kPeer), client);
+    ASSERT_NE(lmx_monitor(client, nullptr), 0u);
+    peer->say('d');
+    ASSERT_EQ(peer->listen(), 'd');
+    LmxMessage gone = receiveWithinGuard();
+    ASSERT_NE(gone, nullptr);
+    EXPECT_EQ(lmx_msgno(gone.get()), LMX_MONITOR_DEFAULT_NO);
+    EXPECT_EQ(lmx_sender(gone.get()), client);
+    gone.reset();
+    EXPECT_EQ(lmx_name(client), nullptr);
+}
+
+TEST_F(LmxServiceTest, NameHeldByAMonitorAndAConnectionLastsAsLongAsThey) {
+    const lmx_mbox_id_t me = startAsMe();
+    auto peer = startPeer();
+    const lmx_mbox_id_t p = lmx_locate(kPeer);
+    const uint32_t monitor = lmx_monitor(p, nullptr);
+    ASSERT_NE(monitor, 0u);
+    ASSERT_EQ(lmx_send(patterned(8).release(), p, me), 0);
+    // Its file goes while the mailbox lives on (someone removed it): the monitor and our
+    // connection to it still hold the name.
+    ASSERT_EQ(::unlink(path(kPeer).c_str()), 0);
+    EXPECT_EQ(lmx_receive(nullptr, 0, LMX_ANY_SENDER), nullptr);
+    EXPECT_STREQ(lmx_name(p), kPeer);
+    EXPECT_EQ(lmx_unmonitor(monitor), 0);
+    EXPECT_STREQ(lmx_name(p), kPeer);
+    ASSERT_EQ(lmx_send(patterned(8).release(), p, me), 0);  // over the kept connection
+    // The peer ends: so does the connection, and with it the name.
+    peer->kill(SIGKILL);
+    peer->wait();
+    EXPECT_TRUE(eventually([p] { return lmx_name(p) == nullptr; }));
+}
+
+TEST_F(LmxServiceTest, ShortLivedPeersAreForgottenOnceGoneAndTheirIdsNeverComeBack) {
+    // Each raw peer has a mailbox of its own for a moment, says hello under its name, sends one
+    // message and goes, half of them under one name used again and again.
+    startAsMe();
+    constexpr int kPeers = 1000;
+    const std::string me = path(kMe);
+    std::set<lmx_mbox_id_t> ids;
+    for (int i = 0; i < kPeers; ++i) {
+        const std::string name = i % 2 == 0 ? "again" : "p" + std::to_string(i);
+        const int file = rawListener(path(name));
+        ASSERT_GE(file, 0) << i;
+        const int raw = rawPeerAs(me, name);
+        ASSERT_GE(raw, 0) << i;
+        ASSERT_TRUE(rawSend(raw, fragment(8, 0, 8))) << i;
+        LmxMessage msg = receiveWithinGuard();
+        ASSERT_NE(msg, nullptr) << "peer " << i << " was not heard";
+        const lmx_mbox_id_t id = lmx_sender(msg.get());
+        ASSERT_STREQ(lmx_name(id), name.c_str());
+        ids.insert(id);
+        msg.reset();
+        ::close(raw);
+        ::close(file);
+        ::unlink(path(name).c_str());
+        // Gone, once the service has seen its connection end; the next one of the same name is new.
+        ASSERT_TRUE(eventually([id] { return lmx_name(id) == nullptr; })) << i;
+    }
+    EXPECT_EQ(ids.size(), static_cast<size_t>(kPeers));
+    EXPECT_EQ(ids.count(0), 0u);
+    EXPECT_EQ(ids.count(LMX_INVALID_ID), 0u);
 }

@@ -74,26 +74,87 @@ TEST(LmxNameTable, SameNameSameIdNeverZeroNorAllOnesUpToItsBound) {
     NameTable names;
     EXPECT_EQ(names.lookup("a"), LMX_INVALID_ID);
     EXPECT_EQ(names.find(0), nullptr);
-    const lmx_mbox_id_t a = names.intern("a");
+    const lmx_mbox_id_t a = names.hold("a");
     EXPECT_NE(a, 0u);
     EXPECT_NE(a, LMX_INVALID_ID);
-    EXPECT_EQ(names.intern("a"), a);
+    EXPECT_EQ(names.hold("a"), a);
     EXPECT_EQ(names.lookup("a"), a);
     const std::string* kept = names.find(a);
     ASSERT_NE(kept, nullptr);
     const char* text = kept->c_str();
     for (size_t i = 1; i < kMaxNames; ++i) {
-        const lmx_mbox_id_t id = names.intern("n" + std::to_string(i));
+        const lmx_mbox_id_t id = names.hold("n" + std::to_string(i));
         ASSERT_NE(id, LMX_INVALID_ID) << i;
         ASSERT_NE(id, 0u) << i;
     }
     // Full: a new name is refused, known names keep their ids and their text where it was.
-    EXPECT_EQ(names.intern("one-more"), LMX_INVALID_ID);
+    EXPECT_EQ(names.hold("one-more"), LMX_INVALID_ID);
     EXPECT_EQ(names.lookup("one-more"), LMX_INVALID_ID);
-    EXPECT_EQ(names.intern("a"), a);
+    EXPECT_EQ(names.size(), kMaxNames);
+    EXPECT_EQ(names.hold("a"), a);
     EXPECT_EQ(names.find(a)->c_str(), text);
     EXPECT_EQ(*names.find(names.lookup("n77")), "n77");
     EXPECT_EQ(names.find(LMX_INVALID_ID), nullptr);
+    // A name let go of makes room for a new one.
+    names.release(names.lookup("n77"));
+    EXPECT_EQ(names.lookup("n77"), LMX_INVALID_ID);
+    EXPECT_NE(names.hold("one-more"), LMX_INVALID_ID);
+}
+
+TEST(LmxNameTable, NameIsForgottenWithItsLastHoldAndComesBackUnderANewId) {
+    NameTable names;
+    const lmx_mbox_id_t first = names.hold("peer");
+    EXPECT_TRUE(names.hold(first));
+    names.release(first);
+    EXPECT_EQ(names.lookup("peer"), first);  // one hold is left
+    EXPECT_EQ(*names.find(first), "peer");
+    names.release(first);
+    EXPECT_EQ(names.lookup("peer"), LMX_INVALID_ID);
+    EXPECT_EQ(names.find(first), nullptr);
+    EXPECT_EQ(names.size(), 0u);
+    // The old id names nothing: it cannot be held again, nor released below nothing.
+    EXPECT_FALSE(names.hold(first));
+    names.release(first);
+    const lmx_mbox_id_t again = names.hold("peer");
+    EXPECT_NE(again, first);
+    EXPECT_NE(names.hold("other"), first);
+    EXPECT_EQ(names.find(first), nullptr);
+}
+
+TEST(LmxNameTable, IdsGoOnPastForgottenNamesAndWrapPastAllOnesAndZero) {
+    NameTable names(0xfffffffcu);
+    const lmx_mbox_id_t kept = names.hold("kept");
+    EXPECT_EQ(kept, 0xfffffffcu);
+    const lmx_mbox_id_t gone = names.hold("gone");
+    EXPECT_EQ(gone, 0xfffffffdu);
+    names.release(gone);
+    // The forgotten id is not given again, not even to the same name.
+    EXPECT_EQ(names.hold("gone"), 0xfffffffeu);
+    EXPECT_EQ(names.hold("next"), 1u);  // neither all ones nor 0
+    EXPECT_EQ(names.lookup("kept"), kept);
+    EXPECT_EQ(names.find(gone), nullptr);
+}
+
+TEST(LmxNameTable, HoldLetsGoWhenItEndsAndTravelsWhenMoved) {
+    NameTable names;
+    {
+        NameHold outer;
+        {
+            NameHold inner(names, std::string_view("peer"));
+            ASSERT_TRUE(inner);
+            EXPECT_EQ(names.lookup("peer"), inner.id());
+            outer = std::move(inner);
+            EXPECT_FALSE(inner);
+        }
+        EXPECT_NE(names.lookup("peer"), LMX_INVALID_ID);
+        NameHold second(names, outer.id());
+        EXPECT_TRUE(second);
+        outer.reset();
+        EXPECT_NE(names.lookup("peer"), LMX_INVALID_ID);
+    }
+    EXPECT_EQ(names.lookup("peer"), LMX_INVALID_ID);
+    EXPECT_FALSE(NameHold(names, lmx_mbox_id_t{42}));  // an id not known is not held
+    EXPECT_EQ(names.size(), 0u);
 }
 
 TEST(LmxWire, DataHelloIsMagicVersionKindLengthReservedThenName) {

@@ -1,10 +1,11 @@
-// solicctl's command line and output forms, without the mailbox service.
+// solicctl's command line, output forms and trust in senders, without the mailbox service.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 
 #include "ClientRecords.h"
+#include "SenderTrust.h"
 #include "SolicctlArgs.h"
 #include "SolicctlOutput.h"
 
@@ -268,6 +269,75 @@ TEST(SolicctlOutput, ShowTextEndsWithALineEnd) {
     EXPECT_EQ(showText(m), "\nRouters:\n");
     m.text = "\nCounters:{...}";
     EXPECT_EQ(showText(m), "\nCounters:{...}\n");
+}
+
+// Users named as a test wants them, whatever this system's user database says.
+std::string testUser(uid_t uid) {
+    switch (uid) {
+        case 0:
+            return "root";
+        case 1000:
+            return "alice";
+        case 1001:
+            return "mallory";
+        default:
+            return "uid " + std::to_string(uid);
+    }
+}
+
+TEST(SenderTrust, WithoutADaemonTakesMailboxesOfRootAndOfItsOwnUserAndReportsTheFirstOther) {
+    SenderTrust trust("", 1000, testUser);
+    std::string report = "stale";
+    EXPECT_TRUE(trust.admits("solicd-blue", 0, report));
+    EXPECT_EQ(report, "");
+    EXPECT_TRUE(trust.admits("alices-own", 1000, report));
+    EXPECT_FALSE(trust.admits("forger", 1001, report));
+    EXPECT_EQ(
+        report,
+        "refused a message from 'forger' (owned by mallory): only messages from mailboxes owned by root or "
+        "alice are taken; further refusals are not reported");
+    EXPECT_FALSE(trust.admits("forger", 1001, report));
+    EXPECT_EQ(report, "");  // once, not once per message
+    EXPECT_FALSE(trust.admits("another", 1002, report));
+    EXPECT_EQ(report, "");
+    EXPECT_TRUE(trust.admits("solicd-blue", 0, report));  // refusals change nothing for the others
+}
+
+TEST(SenderTrust, WithADaemonTakesOnlyItsMailboxAndOnlyOfRootOrItsOwnUser) {
+    SenderTrust trust("solicd-blue", 0, testUser);
+    std::string report;
+    EXPECT_TRUE(trust.admits("solicd-blue", 0, report));
+    // Root's other mailboxes are not solicd.
+    EXPECT_FALSE(trust.admits("solicd-red", 0, report));
+    EXPECT_EQ(
+        report,
+        "refused a message from 'solicd-red' (owned by root): only messages from 'solicd-blue' owned by "
+        "root are taken; further refusals are not reported");
+    // The daemon's name in another user's hands (its file replaced while solicd was away).
+    SenderTrust fresh("solicd-blue", 0, testUser);
+    EXPECT_FALSE(fresh.admits("solicd-blue", 1001, report));
+    EXPECT_EQ(
+        report,
+        "refused a message from 'solicd-blue' (owned by mallory): only messages from 'solicd-blue' owned by "
+        "root are taken; further refusals are not reported");
+    EXPECT_TRUE(fresh.admits("solicd-blue", 0, report));
+    EXPECT_EQ(report, "");
+}
+
+TEST(SenderTrust, UnnamedOrUnownedSendersAreRefused) {
+    SenderTrust trust("", 0, testUser);
+    std::string report;
+    EXPECT_FALSE(trust.admits(nullptr, 0, report));
+    EXPECT_EQ(
+        report,
+        "refused a message from an unnamed mailbox (owned by root): only messages from mailboxes owned by "
+        "root are taken; further refusals are not reported");
+    EXPECT_FALSE(trust.admits("x", static_cast<uid_t>(-1), report));
+}
+
+TEST(SenderTrust, UsersAreNamedFromTheUserDatabaseElseByNumber) {
+    EXPECT_EQ(userName(0), "root");
+    EXPECT_EQ(userName(3999999999u), "uid 3999999999");
 }
 
 }  // namespace

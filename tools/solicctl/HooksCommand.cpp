@@ -1,6 +1,7 @@
 #include "HooksCommand.h"
 
 #include <poll.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -85,6 +86,7 @@ int runHooks(const Options& o) {
         {{"SOLICD_NAMESPACE", o.netns}, {"SOLICD_INTERFACE", o.interface}, {"SOLICD_MAILBOX", o.mbox}});
     HookState state;
     PushWindow push;
+    SenderTrust trust(o.daemon, geteuid());
     // Without solicd's own mailbox the push is expected once, now; with it, whenever solicd
     // (again) exists.
     if (o.daemon.empty()) {
@@ -109,6 +111,9 @@ int runHooks(const Options& o) {
         // hooks running or not, so solicd's queue to it never fills.
         while (void* raw = lmx_receive(nullptr, 0, LMX_ANY_SENDER)) {
             const LmxBuffer msg(raw);
+            if (!admitted(trust, raw)) {
+                continue;
+            }
             const uint32_t msgNo = lmx_msgno(raw);
             if (msgNo == LMX_LOCATE_DEFAULT_NO) {
                 lmx_monitor(lmx_sender(raw), nullptr);

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -104,6 +105,21 @@ Received waitForMessage(const TerminationSignals& signals, std::optional<Clock::
             return r;
         }
     }
+}
+
+bool admitted(SenderTrust& trust, const void* msg) {
+    const uint32_t msgNo = lmx_msgno(msg);
+    if (msgNo == LMX_LOCATE_DEFAULT_NO || msgNo == LMX_MONITOR_DEFAULT_NO) {
+        return true;
+    }
+    std::string report;
+    if (trust.admits(lmx_name(lmx_sender(msg)), lmx_sender_uid(msg), report)) {
+        return true;
+    }
+    if (!report.empty()) {
+        std::fprintf(stderr, "solicctl: %s\n", report.c_str());
+    }
+    return false;
 }
 
 }  // namespace solicd::ctl

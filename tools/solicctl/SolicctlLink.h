@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "SenderTrust.h"
 #include "lmx.h"
 
 namespace solicd::ctl {
@@ -61,5 +62,9 @@ struct Received {
 
 // The next message, or Timeout at `deadline` (none: wait for ever), or Signal.
 Received waitForMessage(const TerminationSignals& signals, std::optional<Clock::time_point> deadline);
+
+// Whether a received message is acted on: the service's own answers (locate, monitor) always, a
+// peer's when `trust` admits its sender; the first refusal is said on stderr.
+bool admitted(SenderTrust& trust, const void* msg);
 
 }  // namespace solicd::ctl

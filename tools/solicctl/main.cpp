@@ -239,6 +239,7 @@ int runWatch(const Options& o) {
         return fail(error);
     }
     const bool colour = colourForStdout();
+    SenderTrust trust("", geteuid());
     const TerminationSignals signals;
     LmxSession session;
     if (session.start(o.dir, error) != 0 || session.createMailbox(o.mbox, error) != 0) {
@@ -267,6 +268,9 @@ int runWatch(const Options& o) {
                 break;
         }
         const void* msg = r.message.get();
+        if (!admitted(trust, msg)) {
+            continue;
+        }
         const uint32_t msgNo = lmx_msgno(msg);
         if (!isUpdate(msgNo)) {
             std::fprintf(stderr, "solicctl: ignored message %s (%s) from %s\n", hexNo(msgNo).c_str(),
