@@ -111,6 +111,35 @@ check_elf() {
     done < <(find "$root$prefix" -type f \( -name '*.so.*' -o -path '*bin/*' \))
 }
 
+# check_unit_paths ROOT UNIT_FILE...: every path of the units' sandbox settings that systemd needs
+# when it starts a unit (ReadWritePaths= and its kin, the sources of BindPaths=, WorkingDirectory=,
+# RootDirectory=) exists under ROOT or carries the '-' that makes it optional; systemd refuses to
+# start a unit over a missing one (226/NAMESPACE). Sets UNIT_PATHS_CHECKED to how many it checked.
+check_unit_paths() {
+    local root=$1 unit key value path checked=0
+    shift
+    for unit in "$@"; do
+        [ -f "$unit" ] || fail "no unit $unit"
+        while IFS='=' read -r key value; do
+            case $key in
+                ReadWritePaths | ReadOnlyPaths | InaccessiblePaths | ExecPaths | NoExecPaths | BindPaths | \
+                    BindReadOnlyPaths | WorkingDirectory | RootDirectory) ;;
+                *) continue ;;
+            esac
+            for path in $value; do
+                case $path in -*) continue ;; esac
+                path=${path#+}
+                path=${path%%:*}
+                [[ $path != *%* ]] || fail "$(basename "$unit"): $key=$path depends on the instance; no test can tell it exists"
+                [ -e "$root$path" ] ||
+                    fail "$(basename "$unit"): $key=$path does not exist after install; the package must make it, or '-' mark it optional"
+                checked=$((checked + 1))
+            done
+        done < <(grep -E '^[A-Za-z]+=' "$unit")
+    done
+    UNIT_PATHS_CHECKED=$checked
+}
+
 # verify_unit ROOT INSTANCE: `systemd-analyze verify` of INSTANCE in the scratch root ROOT (its
 # manual pages in ROOT/usr/share/man) says nothing. --recursive-errors=no: the scratch root has
 # no sysinit.target and the like to depend on.
