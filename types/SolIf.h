@@ -29,6 +29,14 @@ inline constexpr uint32_t SOLIF_HEALTH_CFM = 0x1a11638;
 // The name of a solif message number ("solif_router_updated_ind_t"), "UNKNOWN" for any other.
 const char* solifMsgNoToCstr(uint32_t msgNo);
 
+// ---- What a client may count on ----
+
+// solicd's own mailbox when it is given no --source (or an empty one): "solcid." (spelled so),
+// the namespace (empty for the one solicd was started in), "-", the interface.
+inline std::string solifDefaultMailbox(const std::string& ns, const std::string& interface) {
+    return "solcid." + ns + "-" + interface;
+}
+
 // ---- Layouts ----
 
 // One router changed.

@@ -92,10 +92,21 @@ TEST(SolicctlArgs, HooksTakeTheirDirectoryNamesAndLimit) {
     r = parse({"hooks", "client", "--daemon=", "--namespace=blue", "--interface=eth0"});
     ASSERT_EQ(r.kind, ParseResult::Kind::Run) << r.text;
     EXPECT_EQ(r.options.daemon, "solcid.blue-eth0");
+    // In the host's own namespace, as the unit passes an empty NAMESPACE.
+    r = parse({"hooks", "client", "--daemon=", "--namespace=", "--interface=eth0"});
+    ASSERT_EQ(r.kind, ParseResult::Kind::Run) << r.text;
+    EXPECT_EQ(r.options.netns, "");
+    EXPECT_EQ(r.options.daemon, "solcid.-eth0");
     EXPECT_EQ(
-        usageOf({"hooks", "client", "--daemon="}),
-        "solicctl: hooks: an empty --daemon names solicd's default mailbox, which needs --namespace and "
-        "--interface of mailbox-name characters; see 'solicctl hooks --help'");
+        usageOf({"hooks", "client", "--daemon=", "--namespace=blue"}),
+        "solicctl: hooks: an empty --daemon names solicd's default mailbox, which needs --interface (and "
+        "--namespace, unless solicd watches the host's own) of mailbox-name characters; see 'solicctl "
+        "hooks --help'");
+    EXPECT_EQ(
+        usageOf({"hooks", "client", "--daemon=", "--namespace=a b", "--interface=eth0"}),
+        "solicctl: hooks: an empty --daemon names solicd's default mailbox, which needs --interface (and "
+        "--namespace, unless solicd watches the host's own) of mailbox-name characters; see 'solicctl "
+        "hooks --help'");
     EXPECT_EQ(
         usageOf({"hooks", "client", "--interface", "a-very-long-interface"}),
         "solicctl: hooks: --interface needs an interface name of 1 to 15 characters; see 'solicctl hooks "

@@ -7,6 +7,8 @@
 #include <iterator>
 #include <optional>
 
+#include "SolIf.h"
+
 namespace solicd::ctl {
 namespace {
 
@@ -112,7 +114,7 @@ const char* const kHooksHelp =
     "                   pushes replaces everything known (RESYNC); without it a restart of\n"
     "                   solicd goes unnoticed\n"
     "  --hooks-dir DIR  the hook programs (default /etc/solicd/hooks.d)\n"
-    "  --namespace NS   passed to the hooks as SOLICD_NAMESPACE\n"
+    "  --namespace NS   passed to the hooks as SOLICD_NAMESPACE (empty: the host's own)\n"
     "  --interface IF   passed to the hooks as SOLICD_INTERFACE\n"
     "  --timeout SEC    a hook running longer gets SIGTERM, SIGKILL 2 s later (default 10)\n";
 
@@ -159,9 +161,10 @@ bool validDirectory(const std::string& value) {
     return !value.empty();
 }
 
+// Empty: the host's own namespace, as solicd takes an empty --namespace.
 bool validNamespace(const std::string& value) {
-    return !value.empty() && value.size() <= NAME_MAX && value.find('/') == std::string::npos &&
-           value != "." && value != "..";
+    return value.empty() || (value.size() <= NAME_MAX && value.find('/') == std::string::npos &&
+                             value != "." && value != "..");
 }
 
 bool validInterface(const std::string& value) {
@@ -417,14 +420,13 @@ ParseResult parseArgs(const std::vector<std::string>& args, const char* envDir) 
         return usage(std::string(spec->word) + ": missing mailbox name", spec->word);
     }
     if (o.daemon == kDefaultDaemon) {
-        // solicd's own default: "solcid.NAMESPACE-INTERFACE", spelled as solicd spells it.
-        o.daemon = "solcid." + o.netns + "-" + o.interface;
-        if (o.netns.empty() || o.interface.empty() || !isValidMailboxName(o.daemon)) {
-            return usage(
-                std::string(spec->word) +
-                    ": an empty --daemon names solicd's default mailbox, which needs --namespace and "
-                    "--interface of mailbox-name characters",
-                spec->word);
+        o.daemon = solifDefaultMailbox(o.netns, o.interface);
+        if (o.interface.empty() || !isValidMailboxName(o.daemon)) {
+            return usage(std::string(spec->word) +
+                             ": an empty --daemon names solicd's default mailbox, which needs --interface "
+                             "(and --namespace, unless solicd watches the host's own) of mailbox-name "
+                             "characters",
+                         spec->word);
         }
     }
     if (o.json && o.raw) {
