@@ -31,6 +31,7 @@ const char* const kToolHelp =
     "  watch MBOX [--json | --raw] [--count N] [--timeout SEC]\n"
     "                          act as solicd's client: create MBOX and print every update\n"
     "  hooks MBOX [--daemon MBOX] [--hooks-dir DIR] [--namespace NS] [--interface IF]\n"
+    "             [--state FILE]\n"
     "                          act as solicd's client and run hook programs on every change\n"
     "  help [COMMAND]          this text, or one command's\n"
     "\n"
@@ -103,7 +104,7 @@ const char* const kWatchHelp =
 
 const char* const kHooksHelp =
     "Usage: solicctl [--dir DIR] hooks MBOX [--daemon MBOX] [--hooks-dir DIR] [--namespace NS]\n"
-    "                [--interface IF] [--timeout SEC]\n"
+    "                [--interface IF] [--state FILE] [--timeout SEC]\n"
     "Creates mailbox MBOX (the name solicd was given with --destination), becomes solicd's\n"
     "client, keeps the last state of every entry and, for every change, runs each executable\n"
     "file of the hooks directory in name order, one at a time. The environment says what\n"
@@ -111,11 +112,14 @@ const char* const kHooksHelp =
     "entry's fields as new_... and old_... (see solicctl(1)). RESYNC runs once after each\n"
     "whole-cache push. Runs until SIGINT or SIGTERM.\n"
     "  --daemon MBOX    solicd's own mailbox (its --source): when it ends, the next cache it\n"
-    "                   pushes replaces everything known (RESYNC); without it a restart of\n"
-    "                   solicd goes unnoticed\n"
+    "                   pushes replaces everything known (RESYNC), but the DNS servers are held\n"
+    "                   until its first solicitation cycle has ended or their lifetimes do;\n"
+    "                   without it a restart of solicd goes unnoticed\n"
     "  --hooks-dir DIR  the hook programs (default /etc/solicd/hooks.d)\n"
     "  --namespace NS   passed to the hooks as SOLICD_NAMESPACE (empty: the host's own)\n"
     "  --interface IF   passed to the hooks as SOLICD_INTERFACE\n"
+    "  --state FILE     keeps the DNS servers acted on last in FILE, so that they are held\n"
+    "                   across a restart of the hooks too\n"
     "  --timeout SEC    a hook running longer gets SIGTERM, SIGKILL 2 s later (default 10)\n";
 
 // What each command takes besides --dir and --help.
@@ -125,7 +129,7 @@ enum Takes : unsigned {
     kRaw = 1u << 2,
     kCount = 1u << 3,
     kTimeout = 1u << 4,
-    kHookOptions = 1u << 5,  // --daemon, --hooks-dir, --namespace, --interface
+    kHookOptions = 1u << 5,  // --daemon, --hooks-dir, --namespace, --interface, --state
     kPrometheus = 1u << 6,
 };
 
@@ -157,7 +161,7 @@ struct StringOption {
     const char* expected;
 };
 
-bool validDirectory(const std::string& value) {
+bool validPath(const std::string& value) {
     return !value.empty();
 }
 
@@ -184,7 +188,8 @@ const StringOption kHookStringOptions[] = {
      "a mailbox name of 1 to 100 characters of A-Z a-z 0-9 . _ - not starting with '.', or nothing for "
      "solicd's "
      "default"},
-    {"--hooks-dir", &Options::hooksDir, validDirectory, "a directory"},
+    {"--hooks-dir", &Options::hooksDir, validPath, "a directory"},
+    {"--state", &Options::stateFile, validPath, "a file"},
     {"--namespace", &Options::netns, validNamespace, "a network namespace name"},
     {"--interface", &Options::interface, validInterface, "an interface name of 1 to 15 characters"},
 };
