@@ -122,11 +122,17 @@ TEST(SolicctlArgs, VersionAndHelpCommand) {
     EXPECT_EQ(parse({"status", "x", "--version"}).text, "solicctl " SOLICD_VERSION "\n");
     EXPECT_THAT(parse({"help"}).text, StartsWith("Usage: solicctl [--dir DIR] COMMAND [ARGS]\n"));
     EXPECT_EQ(parse({"help", "status"}).text, parse({"status", "--help"}).text);
+    EXPECT_EQ(parse({"help", "help"}).kind, ParseResult::Kind::Help);
+    EXPECT_EQ(parse({"help", "help"}).text,
+              "Usage: solicctl help [COMMAND]\nDescribes the tool, or COMMAND as 'solicctl COMMAND --help' "
+              "does.\n");
     EXPECT_THAT(parse({"help", "status"}).text,
                 StartsWith("Usage: solicctl [--dir DIR] status MBOX [--json]"));
     EXPECT_EQ(usageOf({"help", "stat"}), "solicctl: unknown command 'stat'; see 'solicctl --help'");
     EXPECT_EQ(usageOf({"help", "ls", "show"}),
               "solicctl: help: unexpected argument 'show'; see 'solicctl --help'");
+    EXPECT_EQ(usageOf({"help", "help", "ls"}),
+              "solicctl: help: unexpected argument 'ls'; see 'solicctl --help'");
 }
 
 TEST(SolicctlArgs, HelpForTheToolAndForEachCommand) {

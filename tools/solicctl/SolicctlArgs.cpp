@@ -196,6 +196,9 @@ const StringOption kHookStringOptions[] = {
 
 // "help" is a command word too, but runs nothing.
 constexpr const char* kHelpWord = "help";
+const char* const kHelpHelp =
+    "Usage: solicctl help [COMMAND]\n"
+    "Describes the tool, or COMMAND as 'solicctl COMMAND --help' does.\n";
 
 const CommandSpec* commandOf(const std::string& word) {
     for (const CommandSpec& spec : kCommands) {
@@ -311,13 +314,14 @@ ParseResult parseArgs(const std::vector<std::string>& args, const char* envDir) 
         if (words.size() == 1) {
             return help(kToolHelp);
         }
+        const bool aboutHelp = words[1] == kHelpWord;
         const CommandSpec* topic = commandOf(words[1]);
-        if (topic == nullptr || words.size() > 2) {
-            return usage(topic == nullptr ? "unknown command '" + words[1] + "'"
-                                          : "help: unexpected argument '" + words[2] + "'",
+        if ((topic == nullptr && !aboutHelp) || words.size() > 2) {
+            return usage(topic == nullptr && !aboutHelp ? "unknown command '" + words[1] + "'"
+                                                        : "help: unexpected argument '" + words[2] + "'",
                          "");
         }
-        return help(topic->help);
+        return help(aboutHelp ? kHelpHelp : topic->help);
     }
     const CommandSpec* spec = words.empty() ? nullptr : commandOf(words[0]);
     if (wantsHelp) {
