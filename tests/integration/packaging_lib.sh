@@ -72,8 +72,9 @@ expected_install_files() {
         echo lib/tmpfiles.d/solicd.conf
         echo lib/sysusers.d/solicd.conf
         echo share/doc/solicd/instance.conf.example
-        echo share/doc/solicd/operation.md
         echo share/doc/solicd/operator-guide.md
+        echo share/doc/solicd/examples/node-exporter/solicd-metrics@.service
+        echo share/doc/solicd/examples/node-exporter/solicd-metrics@.timer
         echo share/doc/solicd/tracing.md
         echo share/doc/solicd/client-protocol.md
     } | LC_ALL=C sort
