@@ -202,13 +202,19 @@ in_ct systemctl restart solicd@blue
 unit_is solicd@blue ActiveState active 20
 [ "$(in_ct systemctl show -p MainPID --value solicd@blue)" != "$solicd_pid" ] || fail "solicd@blue did not restart"
 journal_has solicd-hooks@blue "'solcid.blue-eth0' ended; waiting for it to come back" 5
-resync_lines() { in_ct journalctl -q -u solicd-hooks@blue -o cat | grep -c ": RESYNC DNS servers 2001:db8::53 (were 2001:db8::53)$" || true; }
-deadline=$((SECONDS + 10))
-until [ "$(resync_lines)" -ge 1 ]; do
-    [ $SECONDS -lt $deadline ] || fail "no RESYNC holding 2001:db8::53 after the restart: $(in_ct journalctl -q -u solicd-hooks@blue -o cat | tail -n 5)"
-    sleep 0.2
-done
-resolv_is 0 2001:db8::53
+# held_through COUNT WHAT: until the log hook has reported COUNT RESYNCs that kept the server,
+# which is still in the namespace's resolv.conf.
+held_through() {
+    local deadline=$((SECONDS + 10)) held
+    until held=$(in_ct journalctl -q -u solicd-hooks@blue -o cat |
+        grep -c ": RESYNC DNS servers 2001:db8::53 (were 2001:db8::53)$") && [ "$held" -ge "$1" ]; do
+        [ $SECONDS -lt $deadline ] ||
+            fail "no RESYNC holding 2001:db8::53 after $2: $(in_ct journalctl -q -u solicd-hooks@blue -o cat | tail -n 5)"
+        sleep 0.2
+    done
+    resolv_is 0 2001:db8::53
+}
+held_through 1 "the restart"
 
 # A reinstall, as an upgrade does it: solicd and the hooks restart together, and the hooks hold the
 # servers from the file they keep.
@@ -219,12 +225,7 @@ unit_is solicd@blue ActiveState active 20
 unit_is solicd-hooks@blue ActiveState active 20
 [ "$(in_ct systemctl show -p MainPID --value solicd-hooks@blue)" != "$hooks_pid" ] ||
     fail "the reinstall did not restart solicd-hooks@blue"
-deadline=$((SECONDS + 10))
-until [ "$(resync_lines)" -ge 2 ]; do
-    [ $SECONDS -lt $deadline ] || fail "no RESYNC holding 2001:db8::53 after the reinstall: $(in_ct journalctl -q -u solicd-hooks@blue -o cat | tail -n 5)"
-    sleep 0.2
-done
-resolv_is 0 2001:db8::53
+held_through 2 "the reinstall"
 start_radvd
 
 # A failure: the stderr mirror's ERROR line in the journal, above the restart request.

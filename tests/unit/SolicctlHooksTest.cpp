@@ -410,16 +410,19 @@ TEST(DnsMemory, AnythingButAddressesAndEndsIsRefused) {
     }
 }
 
-class DnsMemoryFile : public ::testing::Test {
+// A directory of the test's own, removed at its end.
+class ScratchDirTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char pattern[] = "/tmp/solicctl-dns-XXXXXX";
+        char pattern[] = "/tmp/solicctl-hooks-XXXXXX";
         ASSERT_NE(mkdtemp(pattern), nullptr);
         m_dir = pattern;
     }
     void TearDown() override { std::filesystem::remove_all(m_dir); }
     std::string m_dir;
 };
+
+using DnsMemoryFile = ScratchDirTest;
 
 TEST_F(DnsMemoryFile, SavedServersAreLoadedByTheNextRun) {
     const std::string path = m_dir + "/dns";
@@ -485,15 +488,12 @@ TEST(HookEnvironment, InheritedHookVariablesAreReplacedAndValuesPassIntact) {
 }
 
 // A hooks directory of its own, with programs written by the test.
-class HookRunnerTest : public ::testing::Test {
+class HookRunnerTest : public ScratchDirTest {
 protected:
     void SetUp() override {
-        char pattern[] = "/tmp/solicctl-hooks-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        m_dir = pattern;
+        ScratchDirTest::SetUp();
         std::filesystem::create_directory(m_dir + "/hooks.d");
     }
-    void TearDown() override { std::filesystem::remove_all(m_dir); }
 
     void hook(const std::string& name, const std::string& body, bool executable = true) {
         const std::string path = m_dir + "/hooks.d/" + name;
@@ -516,8 +516,6 @@ protected:
         text << in.rdbuf();
         return text.str();
     }
-
-    std::string m_dir;
 };
 
 TEST_F(HookRunnerTest, HooksRunInNameOrderWithTheEnvironmentIntact) {
