@@ -307,6 +307,7 @@ done < <(sort -u "$work/installed-files")
 [ ! -e /etc/systemd/system/multi-user.target.wants/solicd.target ] || fail "solicd.target is still enabled"
 [ -f "/etc/solicd/$instance.conf" ] || fail "the operator's instance file went with the package"
 [ ! -e "$hooks_d" ] || fail "purge left $hooks_d: $(ls -l "$hooks_d")"
+[ ! -e /var/lib/solicd ] || fail "purge left /var/lib/solicd: $(ls -l /var/lib/solicd)"
 
 echo "PASS: ${#packages[@]} packages from a clean clone, lintian clean but $(wc -l <"$work/tags") known" \
     "informational tags; installed, ready and refused as the unit runs it, purged without a trace"
