@@ -3,12 +3,11 @@
 #include <cstdlib>
 #include <memory>
 
+#include "SolIf.h"
 #include "TraceLog.h"
 
 namespace solicd {
 namespace {
-
-constexpr const char* kGeneratedNamePrefix = "solcid.";
 
 struct GOptionContextFree {
     void operator()(GOptionContext* context) const { g_option_context_free(context); }
@@ -87,7 +86,7 @@ std::string ArgParser::getOwnMailboxName() const {
     if (!m_mboxLocal.empty()) {
         return m_mboxLocal;
     }
-    return kGeneratedNamePrefix + m_namespace + "-" + m_interface;
+    return solifDefaultMailbox(m_namespace, m_interface);
 }
 
 void ArgParser::setData(const Values& values) {

@@ -35,7 +35,7 @@ void SocketMgr::RsTimeout::cbExpired() {
         SOL_TRACE(ERROR, kCategorySocket, "cbExpired", "[%s] Socket manager not initiated", getTraceTag());
         return;
     }
-    if (!m_raReceived && m_counter < kRsMaxCount) {
+    if (!m_raReceived && m_counter < kSolifRsMaxCount) {
         m_soliciting = dispatchRs();
         if (!m_soliciting) {
             SOL_TRACE(INFO, kCategorySocket, "cbExpired", "[%s] Failed in dispatchRs", getTraceTag());

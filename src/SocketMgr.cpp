@@ -35,10 +35,10 @@ constexpr uint32_t kRaOnlyFilter[8] = {0xffffffff, 0xffffffff, 0xffffffff, 0xfff
 constexpr int kBindAttempts = 200;
 constexpr useconds_t kBindRetryPause = 100000;
 
-// The first solicitation goes out after 0 to 1000 ms; without a random source the preset gives
-// 500 ms.
+// The first solicitation goes out after 0 to kSolifFirstRsDelayMaxMs; without a random source the
+// preset gives 500 ms.
 constexpr uint32_t kRandomPreset = 0x800000be;
-constexpr uint32_t kFirstRsDelaySpan = 1001;
+constexpr uint32_t kFirstRsDelaySpan = kSolifFirstRsDelayMaxMs + 1;
 
 // One IPV6_PKTINFO item on reception.
 constexpr size_t kRxControlSize = 40;

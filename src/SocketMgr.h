@@ -16,6 +16,7 @@
 #include "ArrivalNames.h"
 #include "ReadAhead.h"
 #include "SocketText.h"
+#include "SolIf.h"
 #include "SolTimeout.h"
 #include "SolTypes.h"
 #include "UniqueFd.h"
@@ -25,9 +26,6 @@ namespace solicd {
 inline constexpr size_t kMessageBufferSize = 1024;
 // At most this many datagrams are read with the one receive waits for (setReadAhead).
 inline constexpr size_t kReadAheadCapacity = 31;
-// A solicitation cycle: at most this many RS, this many ms apart.
-inline constexpr uint32_t kRsMaxCount = 3;
-inline constexpr uint32_t kRsRetryInterval = 4000;
 
 class SocketMgr {
 public:
@@ -69,8 +67,8 @@ public:
     // Drives Router Solicitation: up to three, 4 s apart, until an RA answers.
     class RsTimeout : public SolTimeout {
     public:
-        // The interval is a seam for tests only; the daemon always uses kRsRetryInterval.
-        explicit RsTimeout(uint32_t retryInterval = kRsRetryInterval);
+        // The interval is a seam for tests only; the daemon always uses kSolifRsIntervalMs.
+        explicit RsTimeout(uint32_t retryInterval = kSolifRsIntervalMs);
         void cbExpired() override;
         // Builds and sends one solicitation; true when it was sent.
         bool dispatchRs();
@@ -84,7 +82,7 @@ public:
         uint32_t m_retryInterval;
     };
 
-    explicit SocketMgr(uint32_t rsRetryInterval = kRsRetryInterval);
+    explicit SocketMgr(uint32_t rsRetryInterval = kSolifRsIntervalMs);
     virtual ~SocketMgr();
     SocketMgr(const SocketMgr&) = delete;
     SocketMgr& operator=(const SocketMgr&) = delete;

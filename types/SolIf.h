@@ -29,6 +29,25 @@ inline constexpr uint32_t SOLIF_HEALTH_CFM = 0x1a11638;
 // The name of a solif message number ("solif_router_updated_ind_t"), "UNKNOWN" for any other.
 const char* solifMsgNoToCstr(uint32_t msgNo);
 
+// ---- What a client may count on ----
+
+// solicd's own mailbox when it is given no --source (or an empty one): "solcid." (spelled so),
+// the namespace (empty for the one solicd was started in), "-", the interface.
+inline std::string solifDefaultMailbox(const std::string& ns, const std::string& interface) {
+    return "solcid." + ns + "-" + interface;
+}
+
+// The first solicitation cycle. solicd arms its first Router Solicitation once its socket is set
+// up, before its mailbox exists, 0 to kSolifFirstRsDelayMaxMs ahead; it sends at most
+// kSolifRsMaxCount, kSolifRsIntervalMs apart, and the cycle ends kSolifRsIntervalMs after the last
+// (or after the first an RA answered). Every router that answers solicitations has therefore been
+// heard within kSolifFirstCycleMaxMs of solicd's mailbox appearing.
+inline constexpr uint32_t kSolifFirstRsDelayMaxMs = 1000;
+inline constexpr uint32_t kSolifRsMaxCount = 3;
+inline constexpr uint32_t kSolifRsIntervalMs = 4000;
+inline constexpr uint32_t kSolifFirstCycleMaxMs =
+    kSolifFirstRsDelayMaxMs + kSolifRsMaxCount * kSolifRsIntervalMs;
+
 // ---- Layouts ----
 
 // One router changed.

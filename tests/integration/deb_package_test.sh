@@ -1,21 +1,24 @@
 #!/usr/bin/env bash
 # The Debian packages as a packager and an operator meet them. Built by `make package` in a clean
-# clone of the tree; lintian --pedantic finds no error and no warning, and no informational tag
-# but the known ones below; each package holds exactly its files, with its dependencies, shlibs
-# and ldconfig trigger. Installed with `apt-get install ./*.deb` on this machine: group lmx and
-# /run/lmx root:lmx 2770 exist, the unit verifies, and its command lines (ExecCondition, then
-# ExecStart, as systemd expands them) start solicd for a valid instance file, which tells a
-# notification socket it is ready and answers solicctl from a member of lmx and refuses one who
-# is not, and stop at the check for an invalid one, with one line per mistake. Removed and purged,
-# no file of the packages is left; the operator's instance files stay.
+# clone of the tree (packages_build.sh, the CTest fixture before this test); lintian --pedantic
+# finds no error and no warning, and no informational tag but the known ones below; each package
+# holds exactly its files, with its dependencies, shlibs and ldconfig trigger. Installed with
+# `apt-get install ./*.deb` on this machine: group lmx and /run/lmx root:lmx 3770 exist, every
+# path of the units' sandbox settings exists, the shipped hooks are enabled by links that stay
+# the operator's (one removed stays removed through a reinstall), the unit verifies, and its
+# command lines (ExecCondition, then ExecStart, as systemd expands them) start solicd for a valid
+# instance file, which tells a notification socket it is ready and answers solicctl from a member
+# of lmx and refuses one who is not, and stop at the check for an invalid one, with one line per
+# mistake. Removed and purged, no file of the packages and no hook link is left; the operator's
+# instance files stay.
 #
 # It installs into the real system: CTest runs it alone among the tests that touch installed
 # files (RESOURCE_LOCK), it will not run over solicd packages already installed, and it puts the
-# machine back as it found it (packages, group lmx, /run/lmx, /etc/solicd, its user and
-# namespace), also when it fails.
+# machine back as it found it (packages, group lmx, /run/lmx, /etc/solicd, /etc/netns, its user
+# and namespace), also when it fails.
 source "$(dirname "$0")/packaging_lib.sh"
 need_root "install Debian packages into this system"
-need_tools git make dpkg-buildpackage dpkg-deb dpkg-architecture dpkg-parsechangelog lintian apt-get dpkg-query systemd-analyze runuser \
+need_tools dpkg-deb dpkg-architecture dpkg-parsechangelog lintian apt-get dpkg-query systemd-analyze runuser \
     useradd userdel gpasswd groupdel ip
 
 packages=(solicd liblmx0 librestart0 libsoltypes0 libsolicd-tp0 solicd-dev)
@@ -42,6 +45,7 @@ listener="$SOLICD_BUILD/bin/notify_listener"
 had_group=$(getent group lmx >/dev/null && echo yes || true)
 had_run_lmx=$([ -e /run/lmx ] && echo yes || true)
 had_etc_solicd=$([ -e /etc/solicd ] && echo yes || true)
+had_etc_netns=$([ -e /etc/netns ] && echo yes || true)
 pids=()
 restore() {
     set +e
@@ -55,30 +59,26 @@ restore() {
     dpkg --purge "${packages[@]}" >/dev/null 2>&1
     rm -f "/etc/solicd/$instance.conf" "/etc/solicd/$broken.conf"
     [ -n "$had_etc_solicd" ] || rmdir /etc/solicd 2>/dev/null
+    [ -n "$had_etc_netns" ] || rmdir /etc/netns 2>/dev/null
     [ -n "$had_group" ] || groupdel lmx 2>/dev/null
     [ -n "$had_run_lmx" ] || rm -rf /run/lmx
     rm -rf "$work"
 }
 trap restore EXIT
 
-# ---- Build from a clean clone ----
-git -C "$SOLICD_SRC" rev-parse --is-inside-work-tree >/dev/null 2>&1 ||
-    fail "$SOLICD_SRC is no git work tree to clone"
-git clone --quiet "$SOLICD_SRC" "$work/clone" || fail "git clone $SOLICD_SRC failed"
-pkgdir=$work/pkg
-# The unit tests have run already (CTest); the packages' own run of them is left out here.
-DEB_BUILD_OPTIONS="nocheck parallel=$(nproc)" make -C "$work/clone" package PACKAGE_BUILD="$pkgdir" \
-    >"$work/package.out" 2>&1 || { tail -n 80 "$work/package.out"; fail "make package failed"; }
+# ---- Built from a clean clone, by the fixture ----
+pkgdir=$SOLICD_BUILD/test-packages
+[ -f "$pkgdir/printed" ] || fail "no packages in $pkgdir; packages_build.sh makes them"
 
 arch=$(dpkg --print-architecture)
 multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
-deb_version=$(dpkg-parsechangelog -l "$work/clone/debian/changelog" -S Version)
+deb_version=$(dpkg-parsechangelog -l "$pkgdir/changelog" -S Version)
 [ "$deb_version" = "$version" ] || fail "debian/changelog says $deb_version, CMake says $version"
 debs=()
 for p in "${packages[@]}"; do
     debs+=("$pkgdir/${p}_${version}_$arch.deb")
 done
-printed=$(grep '\.deb$' "$work/package.out" | grep -v -- '-dbgsym_' | sort)
+printed=$(cat "$pkgdir/printed")
 [ "$printed" = "$(printf '%s\n' "${debs[@]}" | sort)" ] ||
     fail "make package printed other packages: $printed"
 for deb in "${debs[@]}"; do
@@ -138,11 +138,13 @@ expect_contents() {
 expect_contents solicd usr/sbin/solicd usr/sbin/solicd-check-config usr/bin/solicctl usr/bin/solicd-trace \
     lib/systemd/system/solicd@.service lib/systemd/system/solicd.target usr/lib/tmpfiles.d/solicd.conf \
     lib/systemd/system/solicd-hooks@.service usr/lib/solicd/hooks/resolv.conf usr/lib/solicd/hooks/resolved \
-    usr/lib/solicd/hooks/log etc/solicd/hooks.d/50-resolv.conf etc/solicd/hooks.d/60-resolved \
+    usr/lib/solicd/hooks/log \
     usr/lib/sysusers.d/solicd.conf usr/share/man/man8/solicd.8.gz usr/share/man/man8/solicd-check-config.8.gz \
     usr/share/man/man1/solicctl.1.gz usr/share/man/man1/solicd-trace.1.gz usr/share/bash-completion/completions/solicctl \
     usr/share/doc/solicd/operator-guide.md usr/share/doc/solicd/client-protocol.md \
-    usr/share/doc/solicd/operation.md usr/share/doc/solicd/tracing.md usr/share/doc/solicd/instance.conf.example
+    usr/share/doc/solicd/tracing.md usr/share/doc/solicd/instance.conf.example \
+    usr/share/doc/solicd/examples/node-exporter/solicd-metrics@.service \
+    usr/share/doc/solicd/examples/node-exporter/solicd-metrics@.timer
 for lib in lmx restart soltypes solicd-tp; do
     expect_contents "lib${lib}0" "usr/lib/$multiarch/lib$lib.so.0" "$(lib_file "$lib")"
 done
@@ -182,9 +184,25 @@ for p in "${packages[@]}"; do
     dpkg-query -L "$p" >>"$work/installed-files"
 done
 getent group lmx >/dev/null || fail "the package made no group lmx"
-[ "$(stat -c '%a %U %G' /run/lmx)" = "2770 root lmx" ] || fail "/run/lmx is $(stat -c '%a %U %G' /run/lmx)"
+[ "$(stat -c '%a %U %G' /run/lmx)" = "3770 root lmx" ] || fail "/run/lmx is $(stat -c '%a %U %G' /run/lmx)"
 ! ldd /usr/sbin/solicd | grep -q 'not found' || fail "solicd misses libraries: $(ldd /usr/sbin/solicd)"
 [ -L /etc/systemd/system/multi-user.target.wants/solicd.target ] || fail "solicd.target is not enabled"
+check_unit_paths "" /lib/systemd/system/solicd@.service /lib/systemd/system/solicd-hooks@.service
+[ "$UNIT_PATHS_CHECKED" -ge 2 ] || fail "only $UNIT_PATHS_CHECKED paths in the units' sandbox settings"
+
+# The shipped hooks are enabled by links the first install made, which belong to the operator
+# from then on: one removed stays removed through a reinstall (an upgrade runs the same scripts).
+hooks_d=/etc/solicd/hooks.d
+for hook in 50-resolv.conf:resolv.conf 60-resolved:resolved; do
+    [ "$(readlink "$hooks_d/${hook%%:*}")" = "/usr/lib/solicd/hooks/${hook#*:}" ] ||
+        fail "$hooks_d/${hook%%:*} is not a link to the shipped hook: $(ls -l "$hooks_d" 2>&1)"
+done
+rm "$hooks_d/60-resolved"
+apt-get install -y --reinstall "$pkgdir/solicd_${version}_$arch.deb" >"$work/apt-reinstall.log" 2>&1 ||
+    { tail -n 30 "$work/apt-reinstall.log"; fail "apt-get install --reinstall failed"; }
+[ ! -e "$hooks_d/60-resolved" ] && [ ! -L "$hooks_d/60-resolved" ] ||
+    fail "the hook link the operator removed came back with a reinstall"
+[ -L "$hooks_d/50-resolv.conf" ] || fail "the reinstall took the resolv.conf hook's link away"
 
 unit=/lib/systemd/system/solicd@.service
 mkdir -p /etc/solicd
@@ -288,6 +306,8 @@ done < <(sort -u "$work/installed-files")
 [ -z "$left" ] || fail "files left after purge:$left"
 [ ! -e /etc/systemd/system/multi-user.target.wants/solicd.target ] || fail "solicd.target is still enabled"
 [ -f "/etc/solicd/$instance.conf" ] || fail "the operator's instance file went with the package"
+[ ! -e "$hooks_d" ] || fail "purge left $hooks_d: $(ls -l "$hooks_d")"
+[ ! -e /var/lib/solicd ] || fail "purge left /var/lib/solicd: $(ls -l /var/lib/solicd)"
 
 echo "PASS: ${#packages[@]} packages from a clean clone, lintian clean but $(wc -l <"$work/tags") known" \
     "informational tags; installed, ready and refused as the unit runs it, purged without a trace"

@@ -2,9 +2,10 @@
 # `solicctl hooks` between the real daemon and real hook programs, the shipped resolv.conf hook
 # among them: radvd's DNS servers reach `ip netns exec NS cat /etc/resolv.conf` within 2 s; an
 # RDNSS lifetime of 0 removes one; a hook that fails and one that sleeps past the limit are
-# reported and do not stop the others; the hooks client killed and started again, and solicd
-# restarted, each resync the file; the old values are right across a router's expiry and a
-# prefix's deprecation and expiry.
+# reported and do not stop the others; the hooks client killed and started again resyncs the file;
+# after a restart of solicd with a silent router the servers stay until its first solicitation
+# cycle has ended (one until its own lifetime ends first); the old values are right across a
+# router's expiry and a prefix's deprecation and expiry.
 source "$(dirname "$0")/e2e_lib.sh"
 command -v radvd >/dev/null || { echo "skipped: radvd is not installed (scripts/install-deps)"; exit 77; }
 
@@ -108,7 +109,11 @@ printf '%s\nnameserver 2001:db8::99\n' "$marker" >"$netns_etc/resolv.conf"
 start_hooks
 wait_resolv 5 "nameserver 2001:db8::53"
 
-# solicd restarted: it starts from an empty cache, so what it has not announced again is gone.
+# solicd restarted, with nothing on the link to answer its solicitations (radvd is gone, the
+# crafted router does not answer): its push is empty, but the servers stay until its first
+# solicitation cycle has ended, 56 only while its own lifetime lasts.
+send_ra fe80::a lifetime=600 rdnss=10,2001:db8::56
+wait_resolv 5 "nameserver 2001:db8::53" "nameserver 2001:db8::56"
 kill -TERM "$SOLICD_PID"
 wait "$SOLICD_PID" 2>/dev/null || true
 deadline=$((SECONDS + 5))
@@ -117,6 +122,7 @@ until grep -q "'$DAEMON_MBOX' ended; waiting for it to come back" "$WORK/hooks.e
     sleep 0.1
 done
 before=$(grep -c '^RESYNC' "$events")
+started=$SECONDS
 start_solicd
 wait_ready 20
 deadline=$((SECONDS + 10))
@@ -124,9 +130,20 @@ until [ "$(grep -c '^RESYNC' "$events")" -gt "$before" ]; do
     [ $SECONDS -lt $deadline ] || fail "no RESYNC after solicd came back"
     sleep 0.2
 done
-# Nothing answers the new solicd's solicitation (radvd is gone, the crafted router expired).
-grep -q "^RESYNC||||/||2001:db8::53$" "$events" || fail "no RESYNC from 53 to none: $(tail -n 3 "$events")"
-[ ! -e "$netns_etc/resolv.conf" ] || fail "the servers of the old solicd stayed: $(cat "$netns_etc/resolv.conf")"
+tail -n 1 "$events" | grep -qx "RESYNC||||/|2001:db8::53 2001:db8::56|2001:db8::53 2001:db8::56" ||
+    fail "the RESYNC after the restart did not hold the servers: $(tail -n 1 "$events")"
+wait_resolv 1 "nameserver 2001:db8::53" "nameserver 2001:db8::56"
+# 56's lifetime ends first, then the cycle: 14 to 15 s after the mailbox appeared.
+wait_resolv 12 "nameserver 2001:db8::53"
+grep -q "^DNS_CHANGED||||/|2001:db8::53|2001:db8::53 2001:db8::56$" "$events" || fail "no DNS_CHANGED without 56"
+deadline=$((SECONDS + 20))
+until [ ! -e "$netns_etc/resolv.conf" ]; do
+    [ $SECONDS -lt $deadline ] || fail "the held server stayed past the cycle: $(cat "$netns_etc/resolv.conf")"
+    sleep 0.1
+done
+held=$((SECONDS - started))
+[ "$held" -ge 13 ] || fail "the held server went after $held s, before the first solicitation cycle ended"
+tail -n 1 "$events" | grep -qx "DNS_CHANGED||||/||2001:db8::53" || fail "then no DNS_CHANGED to none: $(tail -n 1 "$events")"
 
 # A file solicd did not write is left alone.
 printf 'nameserver 192.0.2.1\n' >"$netns_etc/resolv.conf"

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # `make install DESTDIR=... PREFIX=...` lays out exactly the listed files with their sonames, the
-# sysusers and tmpfiles entries make group lmx and /run/lmx root:lmx with mode 2770, and a client
-# builds and runs against the staged headers and libraries through
-# `pkg-config --cflags --libs soltypes lmx`.
+# sysusers and tmpfiles entries make group lmx, /run/lmx root:lmx with mode 3770 and every path
+# the units' sandbox settings name, and a client builds and runs against the staged headers and
+# libraries through `pkg-config --cflags --libs soltypes lmx`.
 source "$(dirname "$0")/packaging_lib.sh"
 need_tools make pkg-config readelf g++ systemd-tmpfiles systemd-sysusers
 
@@ -27,8 +27,11 @@ systemd-sysusers --root="$root" solicd.conf >"$work/sysusers.log" 2>&1 ||
 gid=$(awk -F: '$1 == "lmx" { print $3 }' "$root/etc/group")
 [ -n "$gid" ] || fail "sysusers made no group lmx: $(cat "$root/etc/group")"
 systemd-tmpfiles --root="$root" --create solicd.conf || fail "systemd-tmpfiles rejected solicd.conf"
-[ "$(stat -c '%a %u %g %F' "$root/run/lmx")" = "2770 0 $gid directory" ] ||
-    fail "/run/lmx is $(stat -c '%a %u %g %F' "$root/run/lmx"), expected mode 2770, root and group lmx ($gid)"
+[ "$(stat -c '%a %u %g %F' "$root/run/lmx")" = "3770 0 $gid directory" ] ||
+    fail "/run/lmx is $(stat -c '%a %u %g %F' "$root/run/lmx"), expected mode 3770, root and group lmx ($gid)"
+# What the units' sandboxes name exists once tmpfiles has run, as after the package's install.
+check_unit_paths "$root" "$root$prefix"/lib/systemd/system/*.service
+[ "$UNIT_PATHS_CHECKED" -ge 2 ] || fail "only $UNIT_PATHS_CHECKED paths in the units' sandbox settings"
 
 # A client of the staged headers, through the .pc files relocated to the staging prefix.
 modules=(soltypes lmx)

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Mailbox access by group, as the shipped tmpfiles entry sets it up: the directory root-owned,
-# set-group-ID, mode 2770; the mailboxes in it 0660 of its group. A real unprivileged user runs
+# set-group-ID and sticky, mode 3770; the mailboxes in it 0660 of its group. A real unprivileged user runs
 # solicctl against the real daemon: refused with one line that names the permission while not a
-# member, served once added to the group (its own mailbox then belongs to the group too), and
-# refused again once removed. A group and a user of this run's own stand in for lmx and an
+# member, served once added to the group (its own mailbox then belongs to the group too) but kept
+# from removing solicd's mailbox, and refused again once removed. A group and a user of this run's own stand in for lmx and an
 # operator; both go at the end, also on failure.
 source "$(dirname "$0")/e2e_lib.sh"
 for tool in useradd userdel groupadd groupdel gpasswd runuser systemd-tmpfiles; do
@@ -26,11 +26,11 @@ useradd --no-create-home --no-user-group --gid nogroup --shell /usr/sbin/nologin
 chmod 0755 "$WORK"
 # The shipped entry for /run/lmx, applied to this run's directory and group.
 read -r type path mode owner group _ < <(grep -v '^#' "$tmpfiles_conf" | grep -v '^$')
-[ "$type $path $mode $owner $group" = "d /run/lmx 2770 root lmx" ] ||
+[ "$type $path $mode $owner $group" = "d /run/lmx 3770 root lmx" ] ||
     fail "the shipped tmpfiles entry is '$type $path $mode $owner $group'"
 echo "$type $LMX_DIR $mode $owner $GROUP -" >"$WORK/tmpfiles.conf"
 systemd-tmpfiles --create "$WORK/tmpfiles.conf" || fail "systemd-tmpfiles refused the entry"
-[ "$(stat -c '%a %U %G' "$LMX_DIR")" = "2770 root $GROUP" ] || fail "$LMX_DIR is $(stat -c '%a %U %G' "$LMX_DIR")"
+[ "$(stat -c '%a %U %G' "$LMX_DIR")" = "3770 root $GROUP" ] || fail "$LMX_DIR is $(stat -c '%a %U %G' "$LMX_DIR")"
 
 lab_up
 start_solicd
@@ -77,6 +77,10 @@ grep -qx "$DAEMON_MBOX" "$WORK/member-ls.out" || fail "a member's ls lacks $DAEM
 as_user member-status status "$DAEMON_MBOX" || fail "a member's solicctl status failed: $(cat "$WORK/member-status.err")"
 grep -q "^$DAEMON_MBOX: 0 routers, 0 prefixes, 0 DNS servers active\$" "$WORK/member-status.out" ||
     fail "a member's status does not start as expected: $(cat "$WORK/member-status.out")"
+# A member may not remove solicd's mailbox (to make one of that name, speaking as solicd).
+status=0
+runuser -u "$USER_NAME" -- rm -f "$LMX_DIR/$DAEMON_MBOX" 2>"$WORK/rm.err" || status=$?
+[ "$status" -ne 0 ] && [ -S "$LMX_DIR/$DAEMON_MBOX" ] || fail "a member removed solicd's mailbox"
 # A member may be the client: its mailbox belongs to the group and solicd sends it the cache.
 "${user_solicctl[@]}" watch "$CLIENT_MBOX" --json --count 1 --timeout 20 >"$WORK/watch.out" 2>"$WORK/watch.err" &
 WATCH_PID=$!

@@ -33,7 +33,7 @@ check_page solicd.8 NAME SYNOPSIS DESCRIPTION OPTIONS SIGNALS "EXIT STATUS" ENVI
     "systemctl enable --now solicd@NAME" com_orvane_kt_solicd solicd-trace NOTIFY_SOCKET \
     "Type=notify" "Entering network namespace NAMESPACE" "Waiting for a link-local address on IF" \
     "Waiting for the client mailbox MBOX_REMOTE" "Running: N routers, M prefixes, K DNS servers" \
-    "solicd-check-config(8)" "exec-condition" "RestartSteps=" "solicd.target" "group lmx" "2770"
+    "solicd-check-config(8)" "exec-condition" "RestartSteps=" "solicd.target" "group lmx" "3770"
 check_page solicctl.1 NAME SYNOPSIS DESCRIPTION COMMANDS OPTIONS "EXIT STATUS" ENVIRONMENT \
     FILES EXAMPLES "SEE ALSO" \
     "solicctl [--dir DIR] ls" "solicctl [--dir DIR] show MBOX" \

@@ -72,8 +72,9 @@ expected_install_files() {
         echo lib/tmpfiles.d/solicd.conf
         echo lib/sysusers.d/solicd.conf
         echo share/doc/solicd/instance.conf.example
-        echo share/doc/solicd/operation.md
         echo share/doc/solicd/operator-guide.md
+        echo share/doc/solicd/examples/node-exporter/solicd-metrics@.service
+        echo share/doc/solicd/examples/node-exporter/solicd-metrics@.timer
         echo share/doc/solicd/tracing.md
         echo share/doc/solicd/client-protocol.md
     } | LC_ALL=C sort
@@ -109,6 +110,35 @@ check_elf() {
         paths=$(readelf -d "$f" 2>/dev/null | grep -E 'RPATH|RUNPATH' || true)
         [[ "$paths" != *"$SOLICD_BUILD"* ]] || fail "$f keeps a search path into the build tree: $paths"
     done < <(find "$root$prefix" -type f \( -name '*.so.*' -o -path '*bin/*' \))
+}
+
+# check_unit_paths ROOT UNIT_FILE...: every path of the units' sandbox settings that systemd needs
+# when it starts a unit (ReadWritePaths= and its kin, the sources of BindPaths=, WorkingDirectory=,
+# RootDirectory=) exists under ROOT or carries the '-' that makes it optional; systemd refuses to
+# start a unit over a missing one (226/NAMESPACE). Sets UNIT_PATHS_CHECKED to how many it checked.
+check_unit_paths() {
+    local root=$1 unit key value path checked=0
+    shift
+    for unit in "$@"; do
+        [ -f "$unit" ] || fail "no unit $unit"
+        while IFS='=' read -r key value; do
+            case $key in
+                ReadWritePaths | ReadOnlyPaths | InaccessiblePaths | ExecPaths | NoExecPaths | BindPaths | \
+                    BindReadOnlyPaths | WorkingDirectory | RootDirectory) ;;
+                *) continue ;;
+            esac
+            for path in $value; do
+                case $path in -*) continue ;; esac
+                path=${path#+}
+                path=${path%%:*}
+                [[ $path != *%* ]] || fail "$(basename "$unit"): $key=$path depends on the instance; no test can tell it exists"
+                [ -e "$root$path" ] ||
+                    fail "$(basename "$unit"): $key=$path does not exist after install; the package must make it, or '-' mark it optional"
+                checked=$((checked + 1))
+            done
+        done < <(grep -E '^[A-Za-z]+=' "$unit")
+    done
+    UNIT_PATHS_CHECKED=$checked
 }
 
 # verify_unit ROOT INSTANCE: `systemd-analyze verify` of INSTANCE in the scratch root ROOT (its

@@ -44,7 +44,7 @@ constexpr const char* kNs = "testns";
 // SocketMgr with an adopted socket in place of init.
 class SocketDouble : public SocketMgr {
 public:
-    SocketDouble(UniqueFd socket, const std::string& ifName, uint32_t retryInterval = kRsRetryInterval)
+    SocketDouble(UniqueFd socket, const std::string& ifName, uint32_t retryInterval = kSolifRsIntervalMs)
         : SocketMgr(retryInterval) {
         adoptSocket(std::move(socket), kNs, ifName);
     }

@@ -93,10 +93,21 @@ TEST(SolicctlArgs, HooksTakeTheirDirectoryNamesAndLimit) {
     r = parse({"hooks", "client", "--daemon=", "--namespace=blue", "--interface=eth0"});
     ASSERT_EQ(r.kind, ParseResult::Kind::Run) << r.text;
     EXPECT_EQ(r.options.daemon, "solcid.blue-eth0");
+    // In the host's own namespace, as the unit passes an empty NAMESPACE.
+    r = parse({"hooks", "client", "--daemon=", "--namespace=", "--interface=eth0"});
+    ASSERT_EQ(r.kind, ParseResult::Kind::Run) << r.text;
+    EXPECT_EQ(r.options.netns, "");
+    EXPECT_EQ(r.options.daemon, "solcid.-eth0");
     EXPECT_EQ(
-        usageOf({"hooks", "client", "--daemon="}),
-        "solicctl: hooks: an empty --daemon names solicd's default mailbox, which needs --namespace and "
-        "--interface of mailbox-name characters; see 'solicctl hooks --help'");
+        usageOf({"hooks", "client", "--daemon=", "--namespace=blue"}),
+        "solicctl: hooks: an empty --daemon names solicd's default mailbox, which needs --interface (and "
+        "--namespace, unless solicd watches the host's own) of mailbox-name characters; see 'solicctl "
+        "hooks --help'");
+    EXPECT_EQ(
+        usageOf({"hooks", "client", "--daemon=", "--namespace=a b", "--interface=eth0"}),
+        "solicctl: hooks: an empty --daemon names solicd's default mailbox, which needs --interface (and "
+        "--namespace, unless solicd watches the host's own) of mailbox-name characters; see 'solicctl "
+        "hooks --help'");
     EXPECT_EQ(
         usageOf({"hooks", "client", "--interface", "a-very-long-interface"}),
         "solicctl: hooks: --interface needs an interface name of 1 to 15 characters; see 'solicctl hooks "
@@ -112,11 +123,17 @@ TEST(SolicctlArgs, VersionAndHelpCommand) {
     EXPECT_EQ(parse({"status", "x", "--version"}).text, "solicctl " SOLICD_VERSION "\n");
     EXPECT_THAT(parse({"help"}).text, StartsWith("Usage: solicctl [--dir DIR] COMMAND [ARGS]\n"));
     EXPECT_EQ(parse({"help", "status"}).text, parse({"status", "--help"}).text);
+    EXPECT_EQ(parse({"help", "help"}).kind, ParseResult::Kind::Help);
+    EXPECT_EQ(parse({"help", "help"}).text,
+              "Usage: solicctl help [COMMAND]\nDescribes the tool, or COMMAND as 'solicctl COMMAND --help' "
+              "does.\n");
     EXPECT_THAT(parse({"help", "status"}).text,
                 StartsWith("Usage: solicctl [--dir DIR] status MBOX [--json]"));
     EXPECT_EQ(usageOf({"help", "stat"}), "solicctl: unknown command 'stat'; see 'solicctl --help'");
     EXPECT_EQ(usageOf({"help", "ls", "show"}),
               "solicctl: help: unexpected argument 'show'; see 'solicctl --help'");
+    EXPECT_EQ(usageOf({"help", "help", "ls"}),
+              "solicctl: help: unexpected argument 'ls'; see 'solicctl --help'");
 }
 
 TEST(SolicctlArgs, HelpForTheToolAndForEachCommand) {

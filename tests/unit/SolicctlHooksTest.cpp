@@ -1,7 +1,9 @@
 // `solicctl hooks` in parts: the reasons derived from every state transition of every kind, the
-// new and old values, bursts merged per entry, the resync after a whole-cache push, and the
-// runner against real hook programs (environment passed intact, name order, a failing hook and
+// new and old values, bursts merged per entry, the resync after a whole-cache push, the DNS
+// servers held through the push of a restarted solicd and kept across a restart of the hooks, and
+// the runner against real hook programs (environment passed intact, name order, a failing hook and
 // one past its time limit reported without stopping the others).
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -13,6 +15,7 @@
 #include <thread>
 
 #include "ClientRecords.h"
+#include "DnsHold.h"
 #include "HookRunner.h"
 #include "HookState.h"
 #include "StderrCapture.h"
@@ -48,12 +51,18 @@ SolNetwork prefix(const char* address, uint32_t state, uint32_t valid = 86400, u
     return n;
 }
 
-SolDnsServer dns(const char* address, uint32_t index) {
+// Seconds since the epoch, as solicd's time points count.
+constexpr int64_t kNow = 1'800'000'000;
+constexpr int64_t kNoHold = 0;
+
+// A server whose lifetime started at kNow - 10.
+SolDnsServer dns(const char* address, uint32_t index, uint32_t lifetime = 600) {
     SolDnsServer d;
     d.m_config.address = ipv6(address);
     d.m_config.index = index;
-    d.m_config.lifetime = 600;
+    d.m_config.lifetime = lifetime;
     d.m_status.state = static_cast<uint32_t>(sol_dns_server_state_t::STATE_NEW);
+    d.m_status.timeoutStartTime = kNow - 10;
     return d;
 }
 
@@ -237,7 +246,7 @@ TEST(HookState, AResyncReplacesTheWholeStateOnce) {
     // The new push names router 2 and DNS server 54 only.
     state.add(update(router("fe80::2", kNew)));
     state.add(update({dns("2001:db8::54", 0)}));
-    const HookEvent resync = state.takeResync();
+    const HookEvent resync = state.takeResync(kNow, kNoHold);
     EXPECT_EQ(resync.reason, "RESYNC");
     EXPECT_EQ(variables(resync)["new_dns_servers"], "2001:db8::54");
     EXPECT_EQ(variables(resync)["old_dns_servers"], "2001:db8::53");
@@ -257,7 +266,7 @@ TEST(HookState, ThePushOfEveryKeptServerGivesTheActiveOnes) {
     auto expired = dns("2001:db8::55", 2);
     expired.m_status.state = static_cast<uint32_t>(sol_dns_server_state_t::STATE_EXPIRED);
     state.add(update({dns("2001:db8::53", 0), invalidated, expired}));
-    EXPECT_EQ(variables(state.takeResync())["new_dns_servers"], "2001:db8::53");
+    EXPECT_EQ(variables(state.takeResync(kNow, kNoHold))["new_dns_servers"], "2001:db8::53");
 }
 
 TEST(HookState, AnEmptyPushEmptiesEverything) {
@@ -265,11 +274,203 @@ TEST(HookState, AnEmptyPushEmptiesEverything) {
     state.add(update({dns("2001:db8::53", 0)}));
     state.add(update(router("fe80::1", kNew)));
     state.takeChanges();
-    const HookEvent resync = state.takeResync();
+    const HookEvent resync = state.takeResync(kNow, kNoHold);
     EXPECT_EQ(variables(resync)["new_dns_servers"], "");
     EXPECT_EQ(variables(resync)["old_dns_servers"], "2001:db8::53");
     state.add(update(router("fe80::1", kUpdated)));
     EXPECT_THAT(reasons(state.takeChanges()), ElementsAre("ROUTER_NEW"));
+}
+
+// After solicd restarted: its push is empty until its first solicitation cycle refills it.
+class HookDnsHold : public ::testing::Test {
+protected:
+    // The hooks acted on 53 (590 s left) and 54 (5 s left).
+    void SetUp() override {
+        m_state.add(update({dns("2001:db8::53", 0), dns("2001:db8::54", 1, 15)}));
+        m_state.takeChanges();
+    }
+    HookState m_state;
+};
+
+TEST_F(HookDnsHold, AnEmptyPushKeepsTheServersUntilTheCycleEnds) {
+    m_state.add(update({dns("2001:db8::53", 0)}));
+    m_state.takeChanges();
+    const HookEvent resync = m_state.takeResync(kNow, kNow + 14);
+    EXPECT_EQ(variables(resync)["new_dns_servers"], "2001:db8::53");
+    EXPECT_EQ(variables(resync)["old_dns_servers"], "2001:db8::53");
+    EXPECT_EQ(m_state.nextHoldEnd(), kNow + 14);
+
+    m_state.endHolds(kNow + 13);
+    EXPECT_FALSE(m_state.hasPending());
+    m_state.endHolds(kNow + 14);
+    const auto events = m_state.takeChanges();
+    ASSERT_THAT(reasons(events), ElementsAre("DNS_CHANGED"));
+    EXPECT_EQ(variables(events[0])["new_dns_servers"], "") << "then what solicd knows: nothing";
+    EXPECT_EQ(variables(events[0])["old_dns_servers"], "2001:db8::53");
+    EXPECT_EQ(m_state.nextHoldEnd(), std::nullopt);
+}
+
+TEST_F(HookDnsHold, AHeldServerGoesWhenItsOwnLifetimeEnds) {
+    HookEvent resync = m_state.takeResync(kNow, kNow + 14);
+    EXPECT_EQ(variables(resync)["new_dns_servers"], "2001:db8::53 2001:db8::54");
+    EXPECT_EQ(m_state.nextHoldEnd(), kNow + 5) << "54's lifetime ends before the cycle";
+
+    m_state.endHolds(kNow + 5);
+    auto events = m_state.takeChanges();
+    ASSERT_THAT(reasons(events), ElementsAre("DNS_CHANGED"));
+    EXPECT_EQ(variables(events[0])["new_dns_servers"], "2001:db8::53");
+    EXPECT_EQ(variables(events[0])["old_dns_servers"], "2001:db8::53 2001:db8::54");
+    EXPECT_EQ(m_state.nextHoldEnd(), kNow + 14);
+}
+
+TEST_F(HookDnsHold, WhatSolicdAnnouncesMeanwhileIsTakenAtOnce) {
+    m_state.takeResync(kNow, kNow + 14);
+    // The router answers the solicitation with the same servers: nothing to do.
+    m_state.add(update({dns("2001:db8::53", 0), dns("2001:db8::54", 1)}));
+    EXPECT_THAT(m_state.takeChanges(), IsEmpty());
+    // Another one adds 55, before the held ones.
+    m_state.add(update({dns("2001:db8::55", 0)}));
+    auto events = m_state.takeChanges();
+    ASSERT_THAT(reasons(events), ElementsAre("DNS_CHANGED"));
+    EXPECT_EQ(variables(events[0])["new_dns_servers"], "2001:db8::55");
+    EXPECT_EQ(variables(events[0])["old_dns_servers"], "2001:db8::53 2001:db8::54")
+        << "53 and 54 were solicd's again, and solicd no longer names them";
+}
+
+TEST_F(HookDnsHold, AServerSolicdNamedIsNotHeldOnceSolicdDropsIt) {
+    m_state.takeResync(kNow, kNow + 14);
+    m_state.add(update({dns("2001:db8::55", 0), dns("2001:db8::53", 1)}));
+    auto events = m_state.takeChanges();
+    ASSERT_THAT(reasons(events), ElementsAre("DNS_CHANGED"));
+    EXPECT_EQ(variables(events[0])["new_dns_servers"], "2001:db8::55 2001:db8::53 2001:db8::54");
+    // 53 withdrawn: solicd's word stands; 54 is still held.
+    m_state.add(update({dns("2001:db8::55", 0)}));
+    events = m_state.takeChanges();
+    ASSERT_THAT(reasons(events), ElementsAre("DNS_CHANGED"));
+    EXPECT_EQ(variables(events[0])["new_dns_servers"], "2001:db8::55 2001:db8::54");
+}
+
+TEST_F(HookDnsHold, NothingIsHeldOnceTheCycleHasEnded) {
+    const HookEvent resync = m_state.takeResync(kNow, kNow);
+    EXPECT_EQ(variables(resync)["new_dns_servers"], "");
+    EXPECT_EQ(m_state.nextHoldEnd(), std::nullopt);
+}
+
+TEST_F(HookDnsHold, AServerWhoseLifetimeHasEndedIsNotHeld) {
+    const HookEvent resync = m_state.takeResync(kNow + 5, kNow + 14);
+    EXPECT_EQ(variables(resync)["new_dns_servers"], "2001:db8::53");
+}
+
+TEST(HookState, TheServersActedOnCarryTheEndsOfTheirLifetimes) {
+    HookState state;
+    state.add(update({dns("2001:db8::53", 0), dns("2001:db8::54", 1, kInfiniteLifetime)}));
+    state.takeChanges();
+    EXPECT_THAT(state.dnsServers(), ElementsAre(KnownServer{"2001:db8::53", kNow + 590},
+                                                KnownServer{"2001:db8::54", KnownServer::kNoEnd}));
+}
+
+TEST(HookState, ServersRememberedFromTheLastRunAreHeldThroughTheFirstPush) {
+    HookState state;
+    state.rememberDns({{"2001:db8::53", kNow + 100}, {"2001:db8::54", KnownServer::kNoEnd}});
+    HookEvent resync = state.takeResync(kNow, kNow + 14);
+    EXPECT_EQ(variables(resync)["new_dns_servers"], "2001:db8::53 2001:db8::54");
+    EXPECT_EQ(variables(resync)["old_dns_servers"], "2001:db8::53 2001:db8::54");
+
+    // solicd has run for long: its push stands at once.
+    HookState later;
+    later.rememberDns({{"2001:db8::53", kNow + 100}});
+    later.add(update({dns("2001:db8::55", 0)}));
+    resync = later.takeResync(kNow, kNow - 3600);
+    EXPECT_EQ(variables(resync)["new_dns_servers"], "2001:db8::55");
+    EXPECT_EQ(variables(resync)["old_dns_servers"], "2001:db8::53");
+}
+
+TEST(DnsMemory, TheTextRoundTrips) {
+    const std::vector<KnownServer> servers{{"2001:db8::53", kNow + 590}, {"fe80::1", KnownServer::kNoEnd}};
+    const std::string text = dnsMemoryText(servers);
+    EXPECT_EQ(text,
+              "# solicctl hooks: the DNS servers the hooks acted on last, each with the end of its lifetime\n"
+              "2001:db8::53 1800000590\n"
+              "fe80::1 infinite\n");
+    std::vector<KnownServer> parsed;
+    std::string error;
+    ASSERT_TRUE(parseDnsMemory(text, parsed, error)) << error;
+    EXPECT_EQ(parsed, servers);
+}
+
+TEST(DnsMemory, AnythingButAddressesAndEndsIsRefused) {
+    for (const char* text : {"2001:db8::53\n", "2001:db8::53 \n", "2001:db8::53 12x\n", "2001:db8::53 -5\n",
+                             "192.0.2.1 100\n", "2001:db8::53;evil 100\n", "2001:db8::53 100 200\n",
+                             "2001:db8::53  100\n", "nameserver 2001:db8::53\n"}) {
+        std::vector<KnownServer> parsed{{"2001:db8::1", 1}};
+        std::string error;
+        EXPECT_FALSE(parseDnsMemory(text, parsed, error)) << text;
+        EXPECT_EQ(error, "line 1 is not an IPv6 address and the end of its lifetime") << text;
+        EXPECT_EQ(parsed.size(), 1u) << "left as it was";
+    }
+}
+
+// A directory of the test's own, removed at its end.
+class ScratchDirTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/solicctl-hooks-XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        m_dir = pattern;
+    }
+    void TearDown() override { std::filesystem::remove_all(m_dir); }
+    std::string m_dir;
+};
+
+using DnsMemoryFile = ScratchDirTest;
+
+TEST_F(DnsMemoryFile, SavedServersAreLoadedByTheNextRun) {
+    const std::string path = m_dir + "/dns";
+    std::string error;
+    DnsMemory first(path);
+    EXPECT_THAT(first.load(error), IsEmpty()) << "no file yet";
+    EXPECT_EQ(error, "");
+    const std::vector<KnownServer> servers{{"2001:db8::53", kNow + 590}};
+    first.save(servers, error);
+    EXPECT_EQ(error, "");
+    EXPECT_FALSE(std::filesystem::exists(path + ".new"));
+
+    DnsMemory next(path);
+    EXPECT_EQ(next.load(error), servers);
+    EXPECT_EQ(error, "");
+}
+
+TEST_F(DnsMemoryFile, ABrokenFileIsNamedAndLeftOut) {
+    const std::string path = m_dir + "/dns";
+    std::ofstream(path) << "# comment\n2001:db8::53 100\nrubbish\n";
+    std::string error;
+    DnsMemory memory(path);
+    EXPECT_THAT(memory.load(error), IsEmpty());
+    EXPECT_EQ(error,
+              "ignored " + path +
+                  ": line 3 is not an IPv6 address and the end of its lifetime; starting without the DNS "
+                  "servers of the last run");
+}
+
+TEST_F(DnsMemoryFile, AFileThatCannotBeWrittenIsReportedOnce) {
+    const std::string path = m_dir + "/missing/dns";
+    DnsMemory memory(path);
+    std::string error;
+    memory.save({{"2001:db8::53", kNow}}, error);
+    EXPECT_EQ(error, "cannot keep the DNS servers in " + path +
+                         " (No such file or directory); a restart of the hooks will not hold them");
+    memory.save({{"2001:db8::54", kNow}}, error);
+    EXPECT_EQ(error, "");
+}
+
+TEST_F(DnsMemoryFile, TheCycleEndsAtTheLatestFourteenSecondsAfterTheMailboxWasMade) {
+    const std::string mailbox = m_dir + "/solicd";
+    std::ofstream(mailbox) << "";
+    const timespec times[2] = {{kNow, 500'000'000}, {kNow, 500'000'000}};
+    ASSERT_EQ(utimensat(AT_FDCWD, mailbox.c_str(), times, 0), 0);
+    // 1 s of first delay, three solicitations 4 s apart, 4 s after the last, 1 s for the answers.
+    EXPECT_EQ(firstCycleEnd(m_dir, "solicd", kNow + 3600), kNow + 15) << "14.5 s later, rounded up";
+    EXPECT_EQ(firstCycleEnd(m_dir, "gone", kNow + 3600), kNow + 3600 + 14) << "as if made now";
 }
 
 TEST(HookEnvironment, InheritedHookVariablesAreReplacedAndValuesPassIntact) {
@@ -287,15 +488,12 @@ TEST(HookEnvironment, InheritedHookVariablesAreReplacedAndValuesPassIntact) {
 }
 
 // A hooks directory of its own, with programs written by the test.
-class HookRunnerTest : public ::testing::Test {
+class HookRunnerTest : public ScratchDirTest {
 protected:
     void SetUp() override {
-        char pattern[] = "/tmp/solicctl-hooks-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        m_dir = pattern;
+        ScratchDirTest::SetUp();
         std::filesystem::create_directory(m_dir + "/hooks.d");
     }
-    void TearDown() override { std::filesystem::remove_all(m_dir); }
 
     void hook(const std::string& name, const std::string& body, bool executable = true) {
         const std::string path = m_dir + "/hooks.d/" + name;
@@ -318,8 +516,6 @@ protected:
         text << in.rdbuf();
         return text.str();
     }
-
-    std::string m_dir;
 };
 
 TEST_F(HookRunnerTest, HooksRunInNameOrderWithTheEnvironmentIntact) {

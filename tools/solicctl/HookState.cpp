@@ -83,16 +83,27 @@ void prefixVariables(Variables& v, const char* prefix, const SolNetwork* n) {
                    value([](const SolNetwork& x) { return prefixFlagLetters(x.m_config.flags); }));
 }
 
-std::string addresses(const std::vector<SolDnsServer>& servers) {
+std::string addresses(const std::vector<KnownServer>& servers) {
     std::string text;
     for (const auto& d : servers) {
-        text += (text.empty() ? "" : " ") + keyOf(d);
+        text += (text.empty() ? "" : " ") + d.address;
     }
     return text;
 }
 
-void dnsVariables(Variables& v, const std::vector<SolDnsServer>& before,
-                  const std::vector<SolDnsServer>& after) {
+bool named(const std::vector<KnownServer>& servers, const std::string& address) {
+    return std::any_of(servers.begin(), servers.end(),
+                       [&](const KnownServer& s) { return s.address == address; });
+}
+
+KnownServer known(const SolDnsServer& d) {
+    return {keyOf(d), d.m_config.lifetime == kInfiniteLifetime
+                          ? KnownServer::kNoEnd
+                          : d.m_status.timeoutStartTime + static_cast<int64_t>(d.m_config.lifetime)};
+}
+
+void dnsVariables(Variables& v, const std::vector<KnownServer>& before,
+                  const std::vector<KnownServer>& after) {
     v.emplace_back("new_dns_servers", addresses(after));
     v.emplace_back("old_dns_servers", addresses(before));
 }
@@ -143,9 +154,12 @@ void HookState::add(const SolifMessage& m) {
         case SOLIF_DNS_SERVER_UPDATED_IND: {
             // A change carries the active set; the whole-cache push carries every server solicd
             // still keeps, expired and invalidated ones too. The hooks get the active ones.
-            std::vector<SolDnsServer> active;
-            std::copy_if(m.dnsServers.begin(), m.dnsServers.end(), std::back_inserter(active),
-                         [](const SolDnsServer& d) { return isActive(d); });
+            std::vector<KnownServer> active;
+            for (const SolDnsServer& d : m.dnsServers) {
+                if (isActive(d)) {
+                    active.push_back(known(d));
+                }
+            }
             m_pendingDns = std::move(active);
             noteKey(kDnsKey);
             break;
@@ -167,7 +181,10 @@ std::vector<HookEvent> HookState::takeChanges() {
     for (const std::string& key : m_pendingOrder) {
         HookEvent e;
         if (key == kDnsKey) {
-            const std::vector<SolDnsServer>& after = *m_pendingDns;
+            // What solicd says of a server replaces what was held of it, also when it ends later.
+            m_daemonDns = *m_pendingDns;
+            std::erase_if(m_held, [this](const KnownServer& s) { return named(m_daemonDns, s.address); });
+            const std::vector<KnownServer> after = effectiveDns();
             if (addresses(after) != addresses(m_dns)) {
                 e.reason = "DNS_CHANGED";
                 dnsVariables(e.variables, m_dns, after);
@@ -211,10 +228,30 @@ std::vector<HookEvent> HookState::takeChanges() {
     return events;
 }
 
-HookEvent HookState::takeResync() {
+std::vector<KnownServer> HookState::effectiveDns() const {
+    std::vector<KnownServer> servers = m_daemonDns;
+    for (const KnownServer& s : m_held) {
+        if (!named(servers, s.address)) {
+            servers.push_back(s);
+        }
+    }
+    return servers;
+}
+
+HookEvent HookState::takeResync(int64_t now, int64_t holdUntil) {
     HookEvent e;
     e.reason = "RESYNC";
-    const std::vector<SolDnsServer> after = m_pendingDns.value_or(std::vector<SolDnsServer>{});
+    m_daemonDns = m_pendingDns.value_or(std::vector<KnownServer>{});
+    m_held.clear();
+    m_holdUntil = holdUntil;
+    if (now < holdUntil) {
+        for (const KnownServer& s : m_dns) {
+            if (s.end > now && !named(m_daemonDns, s.address)) {
+                m_held.push_back(s);
+            }
+        }
+    }
+    const std::vector<KnownServer> after = effectiveDns();
     dnsVariables(e.variables, m_dns, after);
     m_dns = after;
     m_routers.clear();
@@ -231,6 +268,28 @@ HookEvent HookState::takeResync() {
     }
     clearPending();
     return e;
+}
+
+std::optional<int64_t> HookState::nextHoldEnd() const {
+    if (m_held.empty()) {
+        return std::nullopt;
+    }
+    int64_t end = m_holdUntil;
+    for (const KnownServer& s : m_held) {
+        end = std::min(end, s.end);
+    }
+    return end;
+}
+
+void HookState::endHolds(int64_t now) {
+    const size_t before = m_held.size();
+    std::erase_if(m_held, [&](const KnownServer& s) { return now >= m_holdUntil || s.end <= now; });
+    if (m_held.size() != before) {
+        if (!m_pendingDns) {
+            m_pendingDns = m_daemonDns;
+        }
+        noteKey(kDnsKey);
+    }
 }
 
 }  // namespace solicd::ctl

@@ -6,7 +6,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 
+#include "DnsHold.h"
 #include "HookRunner.h"
 #include "HookState.h"
 #include "MailboxAccess.h"
@@ -51,10 +53,12 @@ private:
     Clock::time_point m_last;
 };
 
-int pollTimeoutMs(std::optional<Clock::time_point> a, std::optional<Clock::time_point> b) {
-    std::optional<Clock::time_point> first = a;
-    if (b && (!first || *b < *first)) {
-        first = b;
+int pollTimeoutMs(std::initializer_list<std::optional<Clock::time_point>> deadlines) {
+    std::optional<Clock::time_point> first;
+    for (const auto& d : deadlines) {
+        if (d && (!first || *d < *first)) {
+            first = d;
+        }
     }
     if (!first) {
         return -1;
@@ -85,6 +89,14 @@ int runHooks(const Options& o) {
         o.hooksDir, std::chrono::seconds(o.timeoutSec),
         {{"SOLICD_NAMESPACE", o.netns}, {"SOLICD_INTERFACE", o.interface}, {"SOLICD_MAILBOX", o.mbox}});
     HookState state;
+    DnsMemory memory(o.stateFile);
+    state.rememberDns(memory.load(error));
+    if (!error.empty()) {
+        say(error);
+    }
+    // Until when the DNS servers known before a push are held through it: solicd's first
+    // solicitation cycle has ended by then. Nothing is held without solicd's own mailbox.
+    int64_t holdUntil = 0;
     PushWindow push;
     SenderTrust trust(o.daemon, geteuid());
     // Without solicd's own mailbox the push is expected once, now; with it, whenever solicd
@@ -98,7 +110,12 @@ int runHooks(const Options& o) {
 
     for (;;) {
         pollfd fds[] = {{lmx_get_fd(), POLLIN, 0}, {signals.fd(), POLLIN, 0}, {runner.fd(), POLLIN, 0}};
-        const int ready = poll(fds, runner.fd() >= 0 ? 3 : 2, pollTimeoutMs(push.end(), runner.deadline()));
+        std::optional<Clock::time_point> holdEnd;
+        if (const auto end = state.nextHoldEnd()) {
+            holdEnd = Clock::now() + std::chrono::seconds(*end - std::time(nullptr));
+        }
+        const int ready =
+            poll(fds, runner.fd() >= 0 ? 3 : 2, pollTimeoutMs({push.end(), runner.deadline(), holdEnd}));
         if (ready < 0 && errno != EINTR) {
             say(std::string("waiting failed (") + std::strerror(errno) + ")");
             return kExitFailed;
@@ -118,6 +135,7 @@ int runHooks(const Options& o) {
             if (msgNo == LMX_LOCATE_DEFAULT_NO) {
                 lmx_monitor(lmx_sender(raw), nullptr);
                 push.open(Clock::now());
+                holdUntil = firstCycleEnd(o.dir, o.daemon, std::time(nullptr));
                 continue;
             }
             if (msgNo == LMX_MONITOR_DEFAULT_NO) {
@@ -142,13 +160,18 @@ int runHooks(const Options& o) {
             return kExitFailed;
         }
         runner.advance();
+        state.endHolds(std::time(nullptr));
         if (const auto end = push.end(); end && Clock::now() >= *end) {
             push.close();
-            runner.enqueue(state.takeResync());
+            runner.enqueue(state.takeResync(std::time(nullptr), holdUntil));
         } else if (!push.isOpen() && !runner.busy() && state.hasPending()) {
             for (const HookEvent& event : state.takeChanges()) {
                 runner.enqueue(event);
             }
+        }
+        memory.save(state.dnsServers(), error);
+        if (!error.empty()) {
+            say(error);
         }
     }
 }

@@ -7,6 +7,8 @@
 #include <iterator>
 #include <optional>
 
+#include "SolIf.h"
+
 namespace solicd::ctl {
 namespace {
 
@@ -29,6 +31,7 @@ const char* const kToolHelp =
     "  watch MBOX [--json | --raw] [--count N] [--timeout SEC]\n"
     "                          act as solicd's client: create MBOX and print every update\n"
     "  hooks MBOX [--daemon MBOX] [--hooks-dir DIR] [--namespace NS] [--interface IF]\n"
+    "             [--state FILE]\n"
     "                          act as solicd's client and run hook programs on every change\n"
     "  help [COMMAND]          this text, or one command's\n"
     "\n"
@@ -103,7 +106,7 @@ const char* const kWatchHelp =
 
 const char* const kHooksHelp =
     "Usage: solicctl [--dir DIR] hooks MBOX [--daemon MBOX] [--hooks-dir DIR] [--namespace NS]\n"
-    "                [--interface IF] [--timeout SEC]\n"
+    "                [--interface IF] [--state FILE] [--timeout SEC]\n"
     "Creates mailbox MBOX (the name solicd was given with --destination), becomes solicd's\n"
     "client, keeps the last state of every entry and, for every change, runs each executable\n"
     "file of the hooks directory in name order, one at a time. The environment says what\n"
@@ -113,10 +116,14 @@ const char* const kHooksHelp =
     "this user are taken; the first other one is reported on stderr.\n"
     "  --daemon MBOX    solicd's own mailbox (its --source), the only one whose messages are\n"
     "                   taken; when it ends, the next cache it pushes replaces everything known\n"
-    "                   (RESYNC); without it a restart of solicd goes unnoticed\n"
+    "                   (RESYNC), but the DNS servers are held until its first solicitation\n"
+    "                   cycle has ended or their lifetimes do; without it a restart of solicd\n"
+    "                   goes unnoticed\n"
     "  --hooks-dir DIR  the hook programs (default /etc/solicd/hooks.d)\n"
-    "  --namespace NS   passed to the hooks as SOLICD_NAMESPACE\n"
+    "  --namespace NS   passed to the hooks as SOLICD_NAMESPACE (empty: the host's own)\n"
     "  --interface IF   passed to the hooks as SOLICD_INTERFACE\n"
+    "  --state FILE     keeps the DNS servers acted on last in FILE, so that they are held\n"
+    "                   across a restart of the hooks too\n"
     "  --timeout SEC    a hook running longer gets SIGTERM, SIGKILL 2 s later (default 10)\n";
 
 // What each command takes besides --dir and --help.
@@ -126,7 +133,7 @@ enum Takes : unsigned {
     kRaw = 1u << 2,
     kCount = 1u << 3,
     kTimeout = 1u << 4,
-    kHookOptions = 1u << 5,  // --daemon, --hooks-dir, --namespace, --interface
+    kHookOptions = 1u << 5,  // --daemon, --hooks-dir, --namespace, --interface, --state
     kPrometheus = 1u << 6,
 };
 
@@ -158,13 +165,14 @@ struct StringOption {
     const char* expected;
 };
 
-bool validDirectory(const std::string& value) {
+bool validPath(const std::string& value) {
     return !value.empty();
 }
 
+// Empty: the host's own namespace, as solicd takes an empty --namespace.
 bool validNamespace(const std::string& value) {
-    return !value.empty() && value.size() <= NAME_MAX && value.find('/') == std::string::npos &&
-           value != "." && value != "..";
+    return value.empty() || (value.size() <= NAME_MAX && value.find('/') == std::string::npos &&
+                             value != "." && value != "..");
 }
 
 bool validInterface(const std::string& value) {
@@ -184,13 +192,17 @@ const StringOption kHookStringOptions[] = {
      "a mailbox name of 1 to 100 characters of A-Z a-z 0-9 . _ - not starting with '.', or nothing for "
      "solicd's "
      "default"},
-    {"--hooks-dir", &Options::hooksDir, validDirectory, "a directory"},
+    {"--hooks-dir", &Options::hooksDir, validPath, "a directory"},
+    {"--state", &Options::stateFile, validPath, "a file"},
     {"--namespace", &Options::netns, validNamespace, "a network namespace name"},
     {"--interface", &Options::interface, validInterface, "an interface name of 1 to 15 characters"},
 };
 
 // "help" is a command word too, but runs nothing.
 constexpr const char* kHelpWord = "help";
+const char* const kHelpHelp =
+    "Usage: solicctl help [COMMAND]\n"
+    "Describes the tool, or COMMAND as 'solicctl COMMAND --help' does.\n";
 
 const CommandSpec* commandOf(const std::string& word) {
     for (const CommandSpec& spec : kCommands) {
@@ -306,13 +318,14 @@ ParseResult parseArgs(const std::vector<std::string>& args, const char* envDir) 
         if (words.size() == 1) {
             return help(kToolHelp);
         }
+        const bool aboutHelp = words[1] == kHelpWord;
         const CommandSpec* topic = commandOf(words[1]);
-        if (topic == nullptr || words.size() > 2) {
-            return usage(topic == nullptr ? "unknown command '" + words[1] + "'"
-                                          : "help: unexpected argument '" + words[2] + "'",
+        if ((topic == nullptr && !aboutHelp) || words.size() > 2) {
+            return usage(topic == nullptr && !aboutHelp ? "unknown command '" + words[1] + "'"
+                                                        : "help: unexpected argument '" + words[2] + "'",
                          "");
         }
-        return help(topic->help);
+        return help(aboutHelp ? kHelpHelp : topic->help);
     }
     const CommandSpec* spec = words.empty() ? nullptr : commandOf(words[0]);
     if (wantsHelp) {
@@ -420,14 +433,13 @@ ParseResult parseArgs(const std::vector<std::string>& args, const char* envDir) 
         return usage(std::string(spec->word) + ": missing mailbox name", spec->word);
     }
     if (o.daemon == kDefaultDaemon) {
-        // solicd's own default: "solcid.NAMESPACE-INTERFACE", spelled as solicd spells it.
-        o.daemon = "solcid." + o.netns + "-" + o.interface;
-        if (o.netns.empty() || o.interface.empty() || !isValidMailboxName(o.daemon)) {
-            return usage(
-                std::string(spec->word) +
-                    ": an empty --daemon names solicd's default mailbox, which needs --namespace and "
-                    "--interface of mailbox-name characters",
-                spec->word);
+        o.daemon = solifDefaultMailbox(o.netns, o.interface);
+        if (o.interface.empty() || !isValidMailboxName(o.daemon)) {
+            return usage(std::string(spec->word) +
+                             ": an empty --daemon names solicd's default mailbox, which needs --interface "
+                             "(and --namespace, unless solicd watches the host's own) of mailbox-name "
+                             "characters",
+                         spec->word);
         }
     }
     if (o.json && o.raw) {

@@ -33,6 +33,7 @@ struct Options {
     std::string hooksDir = kDefaultHooksDir;
     std::string netns;
     std::string interface;
+    std::string stateFile;  // the DNS servers acted on last; empty: kept in memory only
 };
 
 struct ParseResult {

@@ -6,6 +6,7 @@
 #include <map>
 #include <optional>
 
+#include "SolIf.h"
 #include "lmx_wire.h"
 
 namespace solicd::instance {
@@ -21,7 +22,6 @@ constexpr std::string_view kDoubleQuoteEscapes = "\"\\`$";
 // name, which a namespace name is (NAME_MAX).
 constexpr size_t kInterfaceNameMax = 15;
 constexpr size_t kNamespaceNameMax = 255;
-constexpr const char* kGeneratedSourcePrefix = "solcid.";
 
 constexpr const char* kNamespace = "NAMESPACE";
 constexpr const char* kInterface = "INTERFACE";
@@ -427,8 +427,7 @@ private:
             if (interface == nullptr || (isGiven(kNamespace) && ns == nullptr)) {
                 return;
             }
-            own =
-                kGeneratedSourcePrefix + (ns != nullptr ? ns->value : std::string()) + "-" + interface->value;
+            own = solifDefaultMailbox(ns != nullptr ? ns->value : std::string(), interface->value);
             if (!lmx::isValidName(own)) {
                 add(source != nullptr ? source->line : 0,
                     std::string(source != nullptr ? "SOURCE is empty" : "SOURCE is not set") +
