@@ -1,6 +1,6 @@
 /* liblmx: named local mailboxes between processes, with asynchronous locate and death monitoring.
  * Broker-less: each mailbox is a SOCK_SEQPACKET Unix socket at $LMX_DIR/NAME (default /run/lmx,
- * created with mode 0770). Every message buffer begins with its 32-bit message number. One
+ * created with mode 1770). Every message buffer begins with its 32-bit message number. One
  * thread per process calls the service; a thread of the service's own, started by lmx_init with
  * every signal blocked, does its work meanwhile. A child forked after lmx_init starts without
  * it (the parent's mailboxes stay the parent's).

@@ -27,7 +27,9 @@ namespace lmx {
 
 namespace {
 
-constexpr mode_t kDirMode = 0770;
+// Sticky: a member of the group cannot remove or replace another user's mailbox, whose name
+// would then be theirs to speak as.
+constexpr mode_t kDirMode = 01770;
 constexpr mode_t kSocketMode = 0660;
 constexpr int kEventBatch = 32;
 constexpr int kAcceptBatch = 16;

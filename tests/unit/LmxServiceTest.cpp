@@ -249,7 +249,7 @@ protected:
 
 }  // namespace
 
-TEST_F(LmxServiceTest, DirectoryIs0770AndSocketFiles0660WhateverTheUmask) {
+TEST_F(LmxServiceTest, DirectoryIs1770AndSocketFiles0660WhateverTheUmask) {
     const mode_t old = ::umask(077);
     ASSERT_EQ(lmx_init(1, nullptr), 0);
     ASSERT_NE(lmx_create_mailbox(kMe, 0), LMX_INVALID_ID);
@@ -257,7 +257,7 @@ TEST_F(LmxServiceTest, DirectoryIs0770AndSocketFiles0660WhateverTheUmask) {
     struct stat st {};
     ASSERT_EQ(::stat(m_dir.c_str(), &st), 0);
     EXPECT_TRUE(S_ISDIR(st.st_mode));
-    EXPECT_EQ(st.st_mode & 07777, 0770u);
+    EXPECT_EQ(st.st_mode & 07777, 01770u);
     ASSERT_EQ(::lstat(path(kMe).c_str(), &st), 0);
     EXPECT_TRUE(S_ISSOCK(st.st_mode));
     EXPECT_EQ(st.st_mode & 07777, 0660u);
