@@ -132,9 +132,12 @@ void Logic::handleRaSocketEvent() {
         SOL_FATAL("handleRaSocketEvent", "GenIf::receive()");
     }
     if (message.m_state != SocketMgr::Message::MSG_STATE_RX_OK) {
-        SOL_TRACE(ERROR, "GENERAL", "handleRaSocketEvent",
-                  "[%s] Something went wrong on RA receiving, RX socket state is %s", getTraceTag(),
-                  messageStateToStr(message.m_state).c_str());
+        // A datagram from beyond the link leaves the one trace receive gave it.
+        if (!message.m_offLink) {
+            SOL_TRACE(ERROR, "GENERAL", "handleRaSocketEvent",
+                      "[%s] Something went wrong on RA receiving, RX socket state is %s", getTraceTag(),
+                      messageStateToStr(message.m_state).c_str());
+        }
         return;
     }
 

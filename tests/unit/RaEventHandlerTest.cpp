@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include "HandlerDoubles.h"
 #include "LoopbackSocket.h"
 #include "RaVectors.h"
@@ -415,7 +417,7 @@ public:
         EXPECT_EQ(SolApp::cbRaSocketEvent(m_fd, G_IO_IN, &m_logic), TRUE);
         return taken() - before;
     }
-    void send(size_t size) { sendDatagram(m_address, size); }
+    void send(size_t size, int hopLimit = kNdHopLimit) { sendDatagram(m_address, size, hopLimit); }
 
     struct sockaddr_in6 m_address {};
     int m_fd = -1;
@@ -455,6 +457,24 @@ TEST_F(QueuedDatagramTest, WhileLabIsOnEachDatagramHasAWakeupAndASocketEventTrac
     EXPECT_EQ(capture.records().size(), 2 * firstWakeup);
 }
 
+// An RA from beyond the link (hop limit not 255) is counted as rejected and leaves the one trace
+// the socket gives it: the handler adds none, read ahead or not.
+TEST_F(QueuedDatagramTest, ADatagramFromBeyondTheLinkLeavesOnlyTheSocketsTrace) {
+    TraceCapture capture(kAllButLab);
+    send(64, 64);
+    send(64, 64);
+    EXPECT_EQ(wakeUp(), 2u);
+    const TraceRecord offLink =
+        Trace(TraceEvent::INFO, "ADDR_IPV6",
+              tagged("receive", "Message was received with hop limit 64, expected 255"));
+    EXPECT_THAT(capture.records(), ElementsAre(offLink, offLink));
+    EXPECT_EQ(m_data.socket.getCounters().m_counters.rxRejected, 2u);
+    EXPECT_EQ(
+        m_data.parser.getCounters().m_counters.raParsed + m_data.parser.getCounters().m_counters.raDropped,
+        0u)
+        << "never parsed";
+}
+
 TEST_F(QueuedDatagramTest, AWakeupTakesAtMostItsShareAndLeavesTheRestToTheNext) {
     TraceCapture capture(kAllButLab);
     for (size_t i = 0; i < 1 + kReadAheadCapacity + 3; ++i) {
@@ -465,21 +485,26 @@ TEST_F(QueuedDatagramTest, AWakeupTakesAtMostItsShareAndLeavesTheRestToTheNext) 
 }
 
 // Each datagram leaves the traces it leaves in a wakeup of its own, in the same order: accepted,
-// too long (the socket rejects it, the handler reports it), accepted, exactly the buffer.
+// too long (the socket rejects it, the handler reports it), accepted, from beyond the link (the
+// socket rejects it), exactly the buffer.
 TEST_F(QueuedDatagramTest, TakenTogetherTheyLeaveTheTracesTheyLeaveOneByOne) {
-    const std::vector<size_t> sizes = {100, kMessageBufferSize + 1, 64, kMessageBufferSize};
+    const std::vector<std::pair<size_t, int>> datagrams = {{100, kNdHopLimit},
+                                                           {kMessageBufferSize + 1, kNdHopLimit},
+                                                           {64, kNdHopLimit},
+                                                           {64, 64},
+                                                           {kMessageBufferSize, kNdHopLimit}};
     TraceCapture capture(kAllButLab);
-    for (size_t size : sizes) {
-        send(size);
+    for (const auto& [size, hopLimit] : datagrams) {
+        send(size, hopLimit);
     }
-    EXPECT_EQ(wakeUp(), sizes.size());
+    EXPECT_EQ(wakeUp(), datagrams.size());
     const std::vector<TraceRecord> together = capture.records();
     capture.clear();
-    for (size_t size : sizes) {
-        send(size);
+    for (const auto& [size, hopLimit] : datagrams) {
+        send(size, hopLimit);
     }
     m_data.socket.setReadAhead(0);
-    for (size_t i = 0; i < sizes.size(); ++i) {
+    for (size_t i = 0; i < datagrams.size(); ++i) {
         m_logic.handleRaSocketEvent();
     }
     EXPECT_EQ(together, capture.records());
@@ -488,7 +513,11 @@ TEST_F(QueuedDatagramTest, TakenTogetherTheyLeaveTheTracesTheyLeaveOneByOne) {
                                           tagged("handleRaSocketEvent",
                                                  "Something went wrong on RA receiving, RX socket "
                                                  "state is { no: 4, txt: MSG_STATE_RX_TRUNCATED}"))));
-    EXPECT_EQ(m_data.socket.getCounters().m_counters.rxRejected, 2u);
+    EXPECT_THAT(together, ::testing::Contains(Trace(TraceEvent::INFO, "ADDR_IPV6",
+                                                    tagged("receive",
+                                                           "Message was received with hop limit 64, "
+                                                           "expected 255"))));
+    EXPECT_EQ(m_data.socket.getCounters().m_counters.rxRejected, 4u);
 }
 
 // ---- Packets that go no further ----
