@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "HandlerDoubles.h"
@@ -419,6 +420,21 @@ public:
     }
     void send(size_t size, int hopLimit = kNdHopLimit) { sendDatagram(m_address, size, hopLimit); }
 
+    // The socket event and the reception traces of the wakeups so far, in order: "E" and "R".
+    std::string eventsAndReceptions(const std::vector<TraceRecord>& records) const {
+        const TraceRecord event =
+            Trace(TraceEvent::LAB, "GENERAL",
+                  tagged("cbRaSocketEvent", "Socket event 1, is received on socket " + std::to_string(m_fd)));
+        const TraceRecord reception =
+            Trace(TraceEvent::LAB, "ADDR_IPV6",
+                  tagged("receive", "Received message on interface [lo], RA: ::1->::1"));
+        std::string out;
+        for (const TraceRecord& r : records) {
+            out += r == event ? "E" : r == reception ? "R" : "";
+        }
+        return out;
+    }
+
     struct sockaddr_in6 m_address {};
     int m_fd = -1;
 };
@@ -455,6 +471,43 @@ TEST_F(QueuedDatagramTest, WhileLabIsOnEachDatagramHasAWakeupAndASocketEventTrac
     EXPECT_EQ(wakeUp(), 1u);
     EXPECT_THAT(events(), ElementsAre(0, firstWakeup));
     EXPECT_EQ(capture.records().size(), 2 * firstWakeup);
+}
+
+// A session that starts in the middle of a batch read ahead: every datagram handled from then on
+// comes with its socket event, exactly as if each had had a wakeup of its own.
+TEST_F(QueuedDatagramTest, LabTurnedOnAfterTheFirstDatagramOfABatchGivesEveryOtherItsSocketEvent) {
+    constexpr size_t kBatch = 6;
+    TraceCapture capture(kAllButLab);
+    for (size_t i = 0; i < kBatch; ++i) {
+        send(64);
+    }
+    // The seam: LAB comes on as soon as the socket has given the first datagram of the batch.
+    size_t given = 0;
+    ON_CALL(m_data.socket, receive(_)).WillByDefault([&](SocketMgr::Message& message) {
+        const uint32_t result = m_data.socket.SocketMgr::receive(message);
+        if (++given == 1) {
+            const trace::Capture current = trace::getCapture();
+            trace::setCapture(current.fn, current.context, trace::kAllEvents);
+        }
+        return result;
+    });
+    EXPECT_EQ(wakeUp(), kBatch) << "read ahead with LAB off, so taken in one wakeup";
+    EXPECT_EQ(eventsAndReceptions(capture.records()), "ERERERERER");
+    // From the second datagram's socket event on (the first one's handling ends with LAB on).
+    const auto secondEvent =
+        std::find_if(capture.records().begin(), capture.records().end(),
+                     [&](const TraceRecord& r) { return eventsAndReceptions({r}) == "E"; });
+    const std::vector<TraceRecord> midBatch(secondEvent, capture.records().end());
+
+    // The same datagrams one per wakeup, LAB on from the start.
+    capture.clear();
+    for (size_t i = 1; i < kBatch; ++i) {
+        send(64);
+    }
+    for (size_t i = 1; i < kBatch; ++i) {
+        ASSERT_EQ(wakeUp(), 1u);
+    }
+    EXPECT_EQ(midBatch, capture.records());
 }
 
 // An RA from beyond the link (hop limit not 255) is counted as rejected and leaves the one trace
