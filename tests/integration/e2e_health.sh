@@ -53,12 +53,12 @@ lttng destroy "$session" >/dev/null
 
 # The traces: one record per line, message only, this daemon's.
 babeltrace2 "$WORK/trace" >"$WORK/babeltrace.log"
-sed -nE "s/^.* com_orvane_kt_solicd:INFO: \{ cpu_id = [0-9]+ \}, \{ vpid = $SOLICD_PID \}, \{ location = \"[^\"]*\", category = \"ADDR_IPV6\", message = \"RaHealth\(\): (.*)\" \}$/\1/p" \
+sed -nE "s/^.* com_orvane_kt_solicd:INFO: \{ cpu_id = [0-9]+ \}, \{ vpid = $SOLICD_PID \}, \{ location = \"[^\"]*\", category = \"ADDR_IPV6\", message = \"((check|noteArrival|onRa)\(\): .*)\" \}$/\1/p" \
     "$WORK/babeltrace.log" >"$WORK/health-traces.out"
-conflict="[$DAEMON_MBOX] Router fe80::b disagrees with router $LL_R on M flag: 0 vs 1"
+conflict="check(): [$DAEMON_MBOX] Router fe80::b disagrees with router $LL_R on M flag: 0 vs 1"
 [ "$(grep -cxF "$conflict" "$WORK/health-traces.out")" = 1 ] ||
     fail "the conflict trace is not there once: $(cat "$WORK/health-traces.out")"
-grep -Eqx "\[$DAEMON_MBOX\] Router fe80::b sent no RA for [67] s, usually every 1 s" "$WORK/health-traces.out" ||
+grep -Eqx "noteArrival\(\): \[$DAEMON_MBOX\] Router fe80::b sent no RA for [67] s, usually every 1 s" "$WORK/health-traces.out" ||
     fail "no gap trace: $(cat "$WORK/health-traces.out")"
 [ "$(wc -l <"$WORK/health-traces.out")" = 2 ] || fail "health traces beyond the two events: $(cat "$WORK/health-traces.out")"
 
