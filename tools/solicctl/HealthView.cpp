@@ -99,6 +99,15 @@ std::string number(double value) {
     return os.str();
 }
 
+// What the document says it left out (counted by solicd, which keeps at most so many of each).
+uint64_t conflictsDropped(const Json& doc) {
+    return doc.value("conflictsDropped", uint64_t{0});
+}
+
+uint64_t otherSourcesForgotten(const Json& doc) {
+    return doc.value("otherSourcesForgotten", uint64_t{0});
+}
+
 std::string left(int64_t start, uint32_t lifetime, int64_t now) {
     if (lifetime == kInfiniteLifetime) {
         return "+Inf";
@@ -117,7 +126,7 @@ bool readHealth(const std::string& text, HealthDocument& out, std::string& error
     if (!out.doc.contains("version") || out.doc["version"] != 1) {
         error = "a health document of version " +
                 (out.doc.contains("version") ? out.doc["version"].dump() : "none") +
-                ", this solicctl reads version 1";
+                ", this solicctl reads version 1; check that solicd and solicctl are of one version";
         return false;
     }
     if (!out.doc.contains("routers") || !out.doc["routers"].is_array() || !out.doc.contains("otherSources") ||
@@ -135,6 +144,24 @@ std::string healthText(const std::string& mbox, const HealthDocument& health, in
                        (routers.size() == 1 ? " router" : " routers") + " heard, " +
                        std::to_string(others.size()) +
                        (others.size() == 1 ? " other source" : " other sources") + " of dropped RAs\n";
+    // Said only when something was left out, and where the reader looks first.
+    const uint64_t dropped = conflictsDropped(health.doc);
+    const uint64_t forgotten = otherSourcesForgotten(health.doc);
+    if (dropped != 0) {
+        // Each conflict is listed under both routers.
+        size_t listed = 0;
+        for (const Json& r : routers) {
+            listed += r["conflicts"].size();
+        }
+        text += paint("Conflicts: " + std::to_string(listed / 2) + " kept, " + std::to_string(dropped) +
+                          " more disagreements found and not kept",
+                      Tone::Warn, colour) +
+                "\n";
+    }
+    if (forgotten != 0) {
+        text += "Other sources: " + std::to_string(others.size()) + " kept, " + std::to_string(forgotten) +
+                " forgotten for newer ones\n";
+    }
     if (!routers.empty()) {
         Table table({"ADDRESS", "STATE", "RAS", "LAST RA", "USUAL", "GAPS", "DROPS", "CONFLICTS"});
         for (const Json& r : routers) {
@@ -185,6 +212,11 @@ std::string metricsText(const HealthDocument& health, const SolCacheText& cache,
     Family preferred("solicd_prefix_preferred_remaining_seconds", "gauge",
                      "Preferred lifetime left of an on-link prefix.");
     Family dns("solicd_dns_servers_active", "gauge", "Recursive DNS servers in use.");
+    Family conflictsNotKept("solicd_router_conflicts_dropped", "counter",
+                            "Disagreements between routers found while solicd kept its most conflicts; "
+                            "not in solicd_router_conflicts.");
+    Family sourcesForgotten("solicd_other_sources_forgotten", "counter",
+                            "Sources of dropped RAs that are not routers, forgotten for newer ones.");
 
     const auto bySource = [](Family& family, const std::string& source, const Json& counts) {
         for (const auto& [reason, count] : counts.items()) {
@@ -228,10 +260,12 @@ std::string metricsText(const HealthDocument& health, const SolCacheText& cache,
     }
     dns.add("", std::to_string(std::count_if(cache.dnsServers.begin(), cache.dnsServers.end(),
                                              [](const SolDnsServer& d) { return isActive(d); })));
+    conflictsNotKept.add("", std::to_string(conflictsDropped(health.doc)));
+    sourcesForgotten.add("", std::to_string(otherSourcesForgotten(health.doc)));
 
     std::string text;
-    for (const Family* f : {&received, &interval, &silent, &gaps, &dropped, &ignored, &conflicts, &lifetime,
-                            &valid, &preferred, &dns}) {
+    for (const Family* f : {&received, &interval, &silent, &gaps, &dropped, &ignored, &conflicts,
+                            &conflictsNotKept, &sourcesForgotten, &lifetime, &valid, &preferred, &dns}) {
         text += f->text(format);
     }
     return format == MetricsFormat::OpenMetrics ? text + "# EOF\n" : text;
