@@ -85,6 +85,19 @@ protected:
         return r;
     }
 
+    // Every command that reads the health answer of 'solicd' ends with status 1, prints nothing
+    // and says `err` on stderr.
+    static void expectHealthRefused(const std::string& err) {
+        for (const std::vector<std::string>& command : {std::vector<std::string>{"health", "solicd"},
+                                                        {"health", "solicd", "--json"},
+                                                        {"metrics", "solicd"}}) {
+            const Result r = run(command);
+            EXPECT_EQ(r.status, 1) << command.back();
+            EXPECT_EQ(r.out, "") << command.back();
+            EXPECT_EQ(r.err, err) << command.back();
+        }
+    }
+
     // Until the mailbox `name` exists (the watcher created it), or the guard.
     bool waitForMailbox(const std::string& name) const {
         const auto deadline = std::chrono::steady_clock::now() + kGuard;
@@ -589,15 +602,9 @@ TEST_F(SolicctlTest, MetricsAskForTheHealthAndTheCache) {
 
 TEST_F(SolicctlTest, HealthOfAnotherVersionIsAnErrorNeverATable) {
     startPeer("malformed", "solicd");
-    for (const char* command : {"health", "metrics"}) {
-        const Result r = run({command, "solicd"});
-        EXPECT_EQ(r.status, 1) << command;
-        EXPECT_EQ(r.out, "") << command;
-        EXPECT_EQ(r.err,
-                  "solicctl: cannot read the health answer of 'solicd' (a health document of version 7, this "
-                  "solicctl reads version 1; check that solicd and solicctl are of one version)\n")
-            << command;
-    }
+    expectHealthRefused(
+        "solicctl: cannot read the health answer of 'solicd' (a health document of version 7, this solicctl "
+        "reads version 1; check that solicd and solicctl are of one version)\n");
 }
 
 // solicd cuts a text answer to the largest message the mailbox service carries (its health
@@ -611,14 +618,7 @@ TEST_F(SolicctlTest, AnAnswerThatCameCutIsSaidToBeCut) {
                " bytes, the largest message the mailbox service carries; solicd traces its whole size at "
                "INFO\n";
     };
-    for (const std::vector<std::string>& command : {std::vector<std::string>{"health", "solicd"},
-                                                    {"health", "solicd", "--json"},
-                                                    {"metrics", "solicd"}}) {
-        const Result r = run(command);
-        EXPECT_EQ(r.status, 1) << command.back();
-        EXPECT_EQ(r.out, "") << command.back();
-        EXPECT_EQ(r.err, cut("health answer")) << command.back();
-    }
+    expectHealthRefused(cut("health answer"));
     Result r = run({"status", "solicd"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "");
@@ -632,15 +632,7 @@ TEST_F(SolicctlTest, AnAnswerThatCameCutIsSaidToBeCut) {
 
 TEST_F(SolicctlTest, AHealthAnswerThatIsNotJsonIsSaidSoAndNotPrinted) {
     startPeer("garbled", "solicd");
-    for (const std::vector<std::string>& command : {std::vector<std::string>{"health", "solicd"},
-                                                    {"health", "solicd", "--json"},
-                                                    {"metrics", "solicd"}}) {
-        const Result r = run(command);
-        EXPECT_EQ(r.status, 1) << command.back();
-        EXPECT_EQ(r.out, "") << command.back();
-        EXPECT_EQ(r.err, "solicctl: cannot read the health answer of 'solicd' (not a JSON document)\n")
-            << command.back();
-    }
+    expectHealthRefused("solicctl: cannot read the health answer of 'solicd' (not a JSON document)\n");
 }
 
 }  // namespace
