@@ -264,6 +264,27 @@ TEST(SolicctlHealth, ADocumentItCannotReadIsAnError) {
               "solicctl are of one version");
     EXPECT_FALSE(readHealth(R"({"version":1})", health, error));
     EXPECT_EQ(error, "a health document without its lists");
+    // Whole JSON, but not what solicd writes: refused whole, never half shown.
+    nlohmann::json doc = nlohmann::json::parse(kTestHealthText);
+    doc["routers"][1]["ras"] = "many";
+    EXPECT_FALSE(readHealth(doc.dump(), health, error));
+    EXPECT_EQ(error, "a health document with a router whose ras is not a count");
+    doc = nlohmann::json::parse(kTestHealthText);
+    doc["routers"][0]["interval"].erase("mean");
+    EXPECT_FALSE(readHealth(doc.dump(), health, error));
+    EXPECT_EQ(error, "a health document with a router's interval whose mean is not a number of seconds");
+    doc = nlohmann::json::parse(kTestHealthText);
+    doc["routers"][0]["conflicts"][0]["peer"] = 7;
+    EXPECT_FALSE(readHealth(doc.dump(), health, error));
+    EXPECT_EQ(error, "a health document with a conflict whose peer is not a string");
+    doc = nlohmann::json::parse(kTestHealthText);
+    doc["otherSources"][0]["dropped"]["malformed_option"] = -4;
+    EXPECT_FALSE(readHealth(doc.dump(), health, error));
+    EXPECT_EQ(error, "a health document with another source whose count of malformed_option is not a count");
+    doc = nlohmann::json::parse(kTestHealthText);
+    doc["otherSources"][0] = "fe80::bad";
+    EXPECT_FALSE(readHealth(doc.dump(), health, error));
+    EXPECT_EQ(error, "a health document with another source that is not an object");
 }
 
 }  // namespace

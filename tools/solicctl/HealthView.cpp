@@ -99,13 +99,11 @@ std::string number(double value) {
     return os.str();
 }
 
-// What the document says it left out (counted by solicd, which keeps at most so many of each).
-uint64_t conflictsDropped(const Json& doc) {
-    return doc.value("conflictsDropped", uint64_t{0});
-}
-
-uint64_t otherSourcesForgotten(const Json& doc) {
-    return doc.value("otherSourcesForgotten", uint64_t{0});
+// A count of what the document says it left out (solicd keeps at most so many of each); 0 when
+// the document has none.
+uint64_t leftOut(const Json& doc, const char* key) {
+    const auto it = doc.find(key);
+    return it != doc.end() && it->is_number_unsigned() ? it->get<uint64_t>() : 0;
 }
 
 std::string left(int64_t start, uint32_t lifetime, int64_t now) {
@@ -113,6 +111,84 @@ std::string left(int64_t start, uint32_t lifetime, int64_t now) {
         return "+Inf";
     }
     return std::to_string(std::max<int64_t>(0, start + lifetime - now));
+}
+
+// What the views read of one entry of a list, and of which type; a document that lacks one is
+// refused whole rather than half shown.
+struct Member {
+    const char* key;
+    bool (Json::*is)() const noexcept;
+    const char* type;
+};
+constexpr Member kRouterMembers[] = {
+    {"address", &Json::is_string, "a string"},     {"state", &Json::is_string, "a string"},
+    {"ras", &Json::is_number_unsigned, "a count"}, {"lastRa", &Json::is_number_integer, "a time"},
+    {"interval", &Json::is_object, "an object"},   {"gaps", &Json::is_number_unsigned, "a count"},
+    {"dropped", &Json::is_object, "an object"},    {"prefixesIgnored", &Json::is_object, "an object"},
+    {"conflicts", &Json::is_array, "a list"}};
+constexpr Member kIntervalMembers[] = {{"count", &Json::is_number_unsigned, "a count"},
+                                       {"last", &Json::is_number_integer, "a number of seconds"},
+                                       {"min", &Json::is_number_integer, "a number of seconds"},
+                                       {"max", &Json::is_number_integer, "a number of seconds"},
+                                       {"mean", &Json::is_number, "a number of seconds"}};
+constexpr Member kConflictMembers[] = {{"peer", &Json::is_string, "a string"},
+                                       {"field", &Json::is_string, "a string"},
+                                       {"here", &Json::is_string, "a string"},
+                                       {"there", &Json::is_string, "a string"}};
+constexpr Member kSourceMembers[] = {{"address", &Json::is_string, "a string"},
+                                     {"lastSeen", &Json::is_number_integer, "a time"},
+                                     {"dropped", &Json::is_object, "an object"},
+                                     {"prefixesIgnored", &Json::is_object, "an object"}};
+
+template <size_t N>
+bool hasMembers(const Json& entry, const Member (&members)[N], const std::string& what, std::string& error) {
+    if (!entry.is_object()) {
+        error = "a health document with " + what + " that is not an object";
+        return false;
+    }
+    for (const Member& m : members) {
+        const auto it = entry.find(m.key);
+        if (it == entry.end() || !((*it).*m.is)()) {
+            error = "a health document with " + what + " whose " + m.key + " is not " + m.type;
+            return false;
+        }
+    }
+    return true;
+}
+
+// Counts by reason: every value a count.
+bool areCounts(const Json& counts, const std::string& what, std::string& error) {
+    for (const auto& [reason, count] : counts.items()) {
+        if (!count.is_number_unsigned()) {
+            error = "a health document with " + what + " whose count of " + reason + " is not a count";
+            return false;
+        }
+    }
+    return true;
+}
+
+bool wellFormed(const Json& doc, std::string& error) {
+    for (const Json& r : doc["routers"]) {
+        if (!hasMembers(r, kRouterMembers, "a router", error) ||
+            !hasMembers(r["interval"], kIntervalMembers, "a router's interval", error) ||
+            !areCounts(r["dropped"], "a router", error) ||
+            !areCounts(r["prefixesIgnored"], "a router", error)) {
+            return false;
+        }
+        for (const Json& c : r["conflicts"]) {
+            if (!hasMembers(c, kConflictMembers, "a conflict", error)) {
+                return false;
+            }
+        }
+    }
+    for (const Json& o : doc["otherSources"]) {
+        if (!hasMembers(o, kSourceMembers, "another source", error) ||
+            !areCounts(o["dropped"], "another source", error) ||
+            !areCounts(o["prefixesIgnored"], "another source", error)) {
+            return false;
+        }
+    }
+    return true;
 }
 
 }  // namespace
@@ -134,7 +210,7 @@ bool readHealth(const std::string& text, HealthDocument& out, std::string& error
         error = "a health document without its lists";
         return false;
     }
-    return true;
+    return wellFormed(out.doc, error);
 }
 
 std::string healthText(const std::string& mbox, const HealthDocument& health, int64_t now, bool colour) {
@@ -145,8 +221,8 @@ std::string healthText(const std::string& mbox, const HealthDocument& health, in
                        std::to_string(others.size()) +
                        (others.size() == 1 ? " other source" : " other sources") + " of dropped RAs\n";
     // Said only when something was left out, and where the reader looks first.
-    const uint64_t dropped = conflictsDropped(health.doc);
-    const uint64_t forgotten = otherSourcesForgotten(health.doc);
+    const uint64_t dropped = leftOut(health.doc, "conflictsDropped");
+    const uint64_t forgotten = leftOut(health.doc, "otherSourcesForgotten");
     if (dropped != 0) {
         // Each conflict is listed under both routers.
         size_t listed = 0;
@@ -260,8 +336,8 @@ std::string metricsText(const HealthDocument& health, const SolCacheText& cache,
     }
     dns.add("", std::to_string(std::count_if(cache.dnsServers.begin(), cache.dnsServers.end(),
                                              [](const SolDnsServer& d) { return isActive(d); })));
-    conflictsNotKept.add("", std::to_string(conflictsDropped(health.doc)));
-    sourcesForgotten.add("", std::to_string(otherSourcesForgotten(health.doc)));
+    conflictsNotKept.add("", std::to_string(leftOut(health.doc, "conflictsDropped")));
+    sourcesForgotten.add("", std::to_string(leftOut(health.doc, "otherSourcesForgotten")));
 
     std::string text;
     for (const Family* f : {&received, &interval, &silent, &gaps, &dropped, &ignored, &conflicts,
