@@ -42,7 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     os << solicd::ctl::showText(decoded);
     // A health document solicctl takes as whole must show, for people and for scrapers.
     solicd::ctl::HealthDocument health;
-    if (decoded.msgNo == solicd::SOLIF_HEALTH_CFM && !decoded.textCut &&
+    if (decoded.msgNo == SOLIF_HEALTH_CFM && !decoded.textCut &&
         solicd::ctl::readHealth(decoded.text, health, error)) {
         os << solicd::ctl::healthText("solicd", health, 0, true)
            << solicd::ctl::metricsText(health, solicd::SolCacheText{}, 0);
