@@ -25,11 +25,12 @@ struct LoopbackLink {
         sender = UniqueFd(::socket(AF_INET6, SOCK_DGRAM, 0));
         address.sin6_family = AF_INET6;
         address.sin6_addr = in6addr_loopback;
-        const int on = 1;
         socklen_t length = sizeof address;
         ok = receiver.get() > 0 && sender.get() > 0 &&
              ::bind(receiver.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-             ::setsockopt(receiver.get(), IPPROTO_IPV6, IPV6_RECVPKTINFO, &on, sizeof on) == 0 &&
+             SocketMgr::requestReceptionItems(receiver.get()) &&
+             ::setsockopt(sender.get(), IPPROTO_IPV6, IPV6_UNICAST_HOPS, &kNdHopLimit, sizeof kNdHopLimit) ==
+                 0 &&
              ::getsockname(receiver.get(), reinterpret_cast<sockaddr*>(&address), &length) == 0;
     }
 
@@ -69,7 +70,7 @@ void BM_RecvmsgReference(benchmark::State& state) {
         struct iovec scatter {
             data.data(), data.size()
         };
-        alignas(struct cmsghdr) uint8_t control[40];
+        alignas(struct cmsghdr) uint8_t control[kReceiveControlSize];
         struct msghdr header {};
         header.msg_name = &source;
         header.msg_namelen = sizeof source;

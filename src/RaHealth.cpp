@@ -94,7 +94,7 @@ void RaHealth::onRa(const kt_ip_address_t& source, const SolRouter::Config* rout
     Router& r = it->second;
     if (created) {
         if (m_anyRouter && now - m_firstRouter > kLateRouterSeconds) {
-            SOL_TRACE(INFO, kCategory, "RaHealth", "[%s] New router %s appeared %u s after the first router",
+            SOL_TRACE(INFO, kCategory, "onRa", "[%s] New router %s appeared %u s after the first router",
                       getTraceTag(), text(from).c_str(), static_cast<unsigned>(now - m_firstRouter));
         }
         if (!m_anyRouter) {
@@ -140,6 +140,7 @@ void RaHealth::countOutcome(const Address& source, const ParseOutcome& outcome, 
             m_others.erase(
                 std::min_element(m_others.begin(), m_others.end(),
                                  [](const auto& a, const auto& b) { return a.second.last < b.second.last; }));
+            ++m_otherSourcesForgotten;
         }
         it = m_others.try_emplace(source).first;
     }
@@ -158,8 +159,9 @@ void RaHealth::noteArrival(const Address& source, Router& r, time_t now) {
         const bool gap = i.count >= 2 && i.mean >= 1 && static_cast<double>(interval) > kGapFactor * i.mean;
         if (gap) {
             ++r.gaps;
-            SOL_TRACE(INFO, kCategory, "RaHealth", "[%s] Router %s sent no RA for %u s, usually every %u s",
-                      getTraceTag(), text(source).c_str(), static_cast<unsigned>(interval),
+            SOL_TRACE(INFO, kCategory, "noteArrival",
+                      "[%s] Router %s sent no RA for %u s, usually every %u s", getTraceTag(),
+                      text(source).c_str(), static_cast<unsigned>(interval),
                       static_cast<unsigned>(std::lround(i.mean)));
         } else {
             i.mean = i.count == 0 ? static_cast<double>(interval)
@@ -183,14 +185,19 @@ void RaHealth::check(const Address& source, const Address& peer, const std::stri
         return;
     }
     ConflictValues values{sourceFirst ? mine : theirs, sourceFirst ? theirs : mine};
-    const auto [it, raised] = m_conflicts.try_emplace(std::move(key), values);
-    if (raised) {
-        SOL_TRACE(INFO, kCategory, "RaHealth", "[%s] Router %s disagrees with router %s on %s: %s vs %s",
-                  getTraceTag(), text(source).c_str(), text(peer).c_str(), field.c_str(), mine.c_str(),
-                  theirs.c_str());
-    } else {
+    if (const auto it = m_conflicts.find(key); it != m_conflicts.end()) {
         it->second = std::move(values);
+        return;
     }
+    // Untraced too: a flood of disagreeing routers must not become a flood of traces.
+    if (m_conflicts.size() >= kConflictsMax) {
+        ++m_conflictsDropped;
+        return;
+    }
+    m_conflicts.emplace(std::move(key), std::move(values));
+    SOL_TRACE(INFO, kCategory, "check", "[%s] Router %s disagrees with router %s on %s: %s vs %s",
+              getTraceTag(), text(source).c_str(), text(peer).c_str(), field.c_str(), mine.c_str(),
+              theirs.c_str());
 }
 
 void RaHealth::compare(const Address& source, const Router& r,
@@ -306,8 +313,12 @@ std::string RaHealth::json(time_t now, const std::function<std::string(const Add
                               {"dropped", dropsJson(o.drops)},
                               {"prefixesIgnored", ignoredJson(o.prefixesIgnored)}});
     }
-    return Json{
-        {"version", 1}, {"time", now}, {"routers", std::move(routers)}, {"otherSources", std::move(others)}}
+    return Json{{"version", 1},
+                {"time", now},
+                {"conflictsDropped", m_conflictsDropped},
+                {"otherSourcesForgotten", m_otherSourcesForgotten},
+                {"routers", std::move(routers)},
+                {"otherSources", std::move(others)}}
         .dump();
 }
 

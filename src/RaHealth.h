@@ -3,7 +3,8 @@
 // parser's outcomes per source, and conflicts between routers on M, O, reachable time, retrans
 // timer and prefix lifetimes. No timer: everything is updated when an RA arrives and read when
 // asked. Bounded: a router's health goes with its cache entry; drops from sources that are not
-// routers go to a small table that forgets the oldest.
+// routers go to a small table that forgets the oldest; conflicts beyond a few dozen are counted,
+// not kept. The answer says what it left out.
 #pragma once
 
 #include <array>
@@ -32,6 +33,9 @@ public:
     static constexpr size_t kPrefixesPerRouterMax = 64;
     // Prefix lifetimes that count down in real time agree within this many seconds.
     static constexpr int64_t kLifetimeSlackSeconds = 10;
+    // Conflicts kept at once. Under a flood of routers that each disagree with all the others
+    // they would grow with the square of the routers; beyond these, they are only counted.
+    static constexpr size_t kConflictsMax = 64;
 
     using Address = std::array<uint8_t, 16>;
 
@@ -109,6 +113,9 @@ private:
     std::map<Address, Router> m_routers;
     std::map<Address, Other> m_others;
     std::map<ConflictKey, ConflictValues> m_conflicts;
+    // Disagreements found while kConflictsMax were kept, and other sources forgotten for newer ones.
+    uint64_t m_conflictsDropped = 0;
+    uint64_t m_otherSourcesForgotten = 0;
     time_t m_firstRouter = 0;
     bool m_anyRouter = false;
 };

@@ -19,7 +19,6 @@ static_assert(CMSG_SPACE(sizeof(int)) + CMSG_SPACE(sizeof(struct in6_pktinfo)) <
 
 // Every solicitation is the 8-byte ICMPv6 header and the 8-byte source link-layer option.
 constexpr size_t kRsLength = 16;
-constexpr int kNdHopLimit = 255;
 
 }  // namespace
 

@@ -40,10 +40,8 @@ constexpr useconds_t kBindRetryPause = 100000;
 constexpr uint32_t kRandomPreset = 0x800000be;
 constexpr uint32_t kFirstRsDelaySpan = kSolifFirstRsDelayMaxMs + 1;
 
-// One IPV6_PKTINFO item on reception.
-constexpr size_t kRxControlSize = 40;
-static_assert(CMSG_SPACE(sizeof(struct in6_pktinfo)) <= kRxControlSize);
-static_assert(kRxControlSize % alignof(struct cmsghdr) == 0, "read-ahead slots of control data stay aligned");
+static_assert(kReceiveControlSize % alignof(struct cmsghdr) == 0,
+              "read-ahead slots of control data stay aligned");
 
 void copyIfName(char (&target)[IFNAMSIZ], const std::string& name) {
     std::snprintf(target, sizeof target, "%s", name.c_str());
@@ -64,7 +62,8 @@ uint32_t firstSolicitationDelay(const std::string& randomSource) {
 // ---- Set-up ----
 
 SocketMgr::SocketMgr(uint32_t rsRetryInterval)
-    : m_rsTimeout(rsRetryInterval), m_readAhead(1 + kReadAheadCapacity, kMessageBufferSize, kRxControlSize) {}
+    : m_rsTimeout(rsRetryInterval),
+      m_readAhead(1 + kReadAheadCapacity, kMessageBufferSize, kReceiveControlSize) {}
 
 SocketMgr::~SocketMgr() {
     // Raw socket, then namespace, then netlink: the timer and strings go with the members.
@@ -160,10 +159,9 @@ uint32_t SocketMgr::init(const std::string& ns, const std::string& ifName) {
     struct icmp6_filter filter;
     static_assert(sizeof filter == sizeof kRaOnlyFilter);
     std::memcpy(&filter, kRaOnlyFilter, sizeof filter);
-    const int receivePacketInfo = 1;
     const int multicastLoop = 0;
     if (::setsockopt(fd, IPPROTO_ICMPV6, ICMP6_FILTER, &filter, sizeof filter) != 0 ||
-        ::setsockopt(fd, IPPROTO_IPV6, IPV6_RECVPKTINFO, &receivePacketInfo, sizeof receivePacketInfo) != 0 ||
+        !requestReceptionItems(fd) ||
         ::setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_LOOP, &multicastLoop, sizeof multicastLoop) != 0) {
         const int err = errno;
         SOL_TRACE(ERROR, kCategorySocket, kFn, "[%s] Error from setsockopt(). Terminating. error: %s (%d)",
@@ -218,6 +216,12 @@ uint32_t SocketMgr::initRsMcastIpv6Addr() {
     return 1;
 }
 
+bool SocketMgr::requestReceptionItems(int socket) {
+    const int on = 1;
+    return ::setsockopt(socket, IPPROTO_IPV6, IPV6_RECVPKTINFO, &on, sizeof on) == 0 &&
+           ::setsockopt(socket, IPPROTO_IPV6, IPV6_RECVHOPLIMIT, &on, sizeof on) == 0;
+}
+
 bool SocketMgr::isInterfaceUp() {
     struct ifreq request {};
     copyIfName(request.ifr_name, m_ifName);
@@ -244,6 +248,7 @@ void clearForReception(SocketMgr::Message& message) {
     message.m_data.assign(kMessageBufferSize, 0);
     message.m_length = 0;
     message.m_peer = {};
+    message.m_offLink = false;
 }
 
 }  // namespace
@@ -275,7 +280,7 @@ uint32_t SocketMgr::receive(Message& message) {
     struct iovec scatter {
         message.m_data.data(), message.m_data.size()
     };
-    alignas(struct cmsghdr) uint8_t control[kRxControlSize] = {};
+    alignas(struct cmsghdr) uint8_t control[kReceiveControlSize] = {};
     struct msghdr header {};
     header.msg_name = &source;
     header.msg_namelen = sizeof source;
@@ -317,12 +322,17 @@ uint32_t SocketMgr::accept(Message& message, const struct msghdr& received, size
 
     struct in6_pktinfo info {};
     bool haveInfo = false;
+    // A missing item reads as -1: no hop limit is 255.
+    int hopLimit = -1;
     for (struct cmsghdr* item = CMSG_FIRSTHDR(&header); item != nullptr; item = CMSG_NXTHDR(&header, item)) {
-        if (item->cmsg_level == IPPROTO_IPV6 && item->cmsg_type == IPV6_PKTINFO &&
-            item->cmsg_len >= CMSG_LEN(sizeof info)) {
+        if (item->cmsg_level != IPPROTO_IPV6) {
+            continue;
+        }
+        if (item->cmsg_type == IPV6_PKTINFO && item->cmsg_len >= CMSG_LEN(sizeof info)) {
             std::memcpy(&info, CMSG_DATA(item), sizeof info);
             haveInfo = true;
-            break;
+        } else if (item->cmsg_type == IPV6_HOPLIMIT && item->cmsg_len >= CMSG_LEN(sizeof hopLimit)) {
+            std::memcpy(&hopLimit, CMSG_DATA(item), sizeof hopLimit);
         }
     }
     char arrival[IF_NAMESIZE] = {};
@@ -339,6 +349,15 @@ uint32_t SocketMgr::accept(Message& message, const struct msghdr& received, size
                   "[%s] Message was received on wrong interface expected:%s, actual: %s", getTraceTag(),
                   m_ifName.c_str(), arrival);
         message.m_state = Message::MSG_STATE_RX_WRONG_INTERFACE;
+        ++m_counters.m_counters.rxRejected;
+        return 0;
+    }
+    // RFC 4861 6.1.2: a router beyond the link cannot make an RA arrive with hop limit 255.
+    if (hopLimit != kNdHopLimit) {
+        SOL_TRACE(INFO, kCategorySocket, kFn, "[%s] Message was received with hop limit %d, expected 255",
+                  getTraceTag(), hopLimit);
+        message.m_state = Message::MSG_STATE_RX_WRONG_INTERFACE;
+        message.m_offLink = true;
         ++m_counters.m_counters.rxRejected;
         return 0;
     }

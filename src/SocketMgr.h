@@ -24,6 +24,13 @@
 namespace solicd {
 
 inline constexpr size_t kMessageBufferSize = 1024;
+// Neighbour Discovery messages from this link come with this hop limit, and RSs leave with it:
+// a router beyond the link cannot send one that arrives with it.
+inline constexpr int kNdHopLimit = 255;
+// Control data of one received datagram: where it arrived (IPV6_PKTINFO) and the hop limit it
+// came with (IPV6_HOPLIMIT).
+inline constexpr size_t kReceiveControlSize =
+    CMSG_SPACE(sizeof(struct in6_pktinfo)) + CMSG_SPACE(sizeof(int));
 // At most this many datagrams are read with the one receive waits for (setReadAhead).
 inline constexpr size_t kReadAheadCapacity = 31;
 
@@ -53,6 +60,9 @@ public:
         size_t m_length = 0;
         uint32_t m_state = MSG_STATE_UNSET;
         kt_ip_address_t m_peer{};
+        // With MSG_STATE_RX_WRONG_INTERFACE: the datagram came with a hop limit other than
+        // kNdHopLimit, from beyond the link. receive has traced it; nobody else does.
+        bool m_offLink = false;
     };
 
     // The interface configuration: handed to the RS builder and to rs6Send.
@@ -104,6 +114,9 @@ public:
     void setReadAhead(size_t most) { m_readAheadMost = std::min(most, kReadAheadCapacity); }
     // True while datagrams read ahead wait to be given by receive.
     bool hasReadAhead() const { return !m_readAhead.isEmpty(); }
+    // Asks the kernel to give every datagram on `socket` the control items receive checks (see
+    // kReceiveControlSize); false, with errno set, when it refuses.
+    static bool requestReceptionItems(int socket);
 
     void setVerbose(bool enabled) { m_verbose = enabled; }
     const SolCounter<sol_socket_counters_t>& getCounters() const { return m_counters; }

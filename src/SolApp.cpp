@@ -79,13 +79,21 @@ const char* eventSrcTypeToCstr(uint32_t type) {
 // ---- Process and GLib callbacks ----
 
 gboolean cbRaSocketEvent(gint fd, GIOCondition condition, gpointer logic) {
-    SOL_TRACE(LAB, "GENERAL", "cbRaSocketEvent", "[%s] Socket event %d, is received on socket %d",
-              getTraceTag(), static_cast<int>(condition), fd);
-    checkFdCondition("cbRaSocketEvent", fd, condition);
     auto* self = static_cast<Logic*>(logic);
-    self->prepareRaReception();
-    self->handleRaSocketEvent();
-    self->handleQueuedRas();
+    bool first = true;
+    // One RA, then those read ahead with it, if any. LAB is tested before each: a session that
+    // starts in the middle of them records each with its socket event, as if each had woken the
+    // loop alone.
+    do {
+        SOL_TRACE(LAB, "GENERAL", "cbRaSocketEvent", "[%s] Socket event %d, is received on socket %d",
+                  getTraceTag(), static_cast<int>(condition), fd);
+        if (first) {
+            checkFdCondition("cbRaSocketEvent", fd, condition);
+            self->prepareRaReception();
+            first = false;
+        }
+        self->handleRaSocketEvent();
+    } while (self->hasQueuedRa());
     return TRUE;
 }
 

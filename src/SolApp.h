@@ -135,11 +135,11 @@ public:
 
     // Event handlers (SolAppHandlers.cpp).
     void handleRaSocketEvent();
-    // Around the RA of a socket wakeup: before it, lets the socket read the datagrams queued
-    // behind it at once while LAB is off; after it, handles those, each as handleRaSocketEvent
-    // handles an RA.
+    // Before the RA of a socket wakeup: lets the socket read the datagrams queued behind it at
+    // once while LAB is off.
     void prepareRaReception();
-    void handleQueuedRas();
+    // True while datagrams read with the last one wait to be handled, each by handleRaSocketEvent.
+    bool hasQueuedRa();
     void handleCacheExpiredEvent(uint32_t type, const std::string& name);
     bool readyForLmxNotify(bool dataUpdated);
     void handleLmxEvent();

@@ -107,18 +107,16 @@ void Logic::RaBuffers::clear() {
 // Under a flood the main loop's round for each RA (every source prepared, polled and checked,
 // then a system call to read the one datagram) costs about as much as the RA itself. While LAB is
 // off, the wakeup's first receive therefore also reads the datagrams queued behind the first, in
-// the same system call, and each is then handled here in turn, through the same path. With LAB on
-// every RA keeps a wakeup of its own: each then comes with its "Socket event" trace, as readers of
+// the same system call, and each is then handled in turn, through the same path. With LAB on a
+// read takes one RA, so that each keeps a wakeup of its own; whichever way it was read, an RA
+// handled while LAB is on comes with its "Socket event" trace (cbRaSocketEvent), as readers of
 // the traces know them.
 void Logic::prepareRaReception() {
     m_data->getSocketMgr().setReadAhead(SOL_TRACE_ENABLED(LAB) ? 0 : kReadAheadCapacity);
 }
 
-void Logic::handleQueuedRas() {
-    SocketMgr& socket = m_data->getSocketMgr();
-    while (socket.hasReadAhead()) {
-        handleRaSocketEvent();
-    }
+bool Logic::hasQueuedRa() {
+    return m_data->getSocketMgr().hasReadAhead();
 }
 
 void Logic::handleRaSocketEvent() {
@@ -132,9 +130,12 @@ void Logic::handleRaSocketEvent() {
         SOL_FATAL("handleRaSocketEvent", "GenIf::receive()");
     }
     if (message.m_state != SocketMgr::Message::MSG_STATE_RX_OK) {
-        SOL_TRACE(ERROR, "GENERAL", "handleRaSocketEvent",
-                  "[%s] Something went wrong on RA receiving, RX socket state is %s", getTraceTag(),
-                  messageStateToStr(message.m_state).c_str());
+        // A datagram from beyond the link leaves the one trace receive gave it.
+        if (!message.m_offLink) {
+            SOL_TRACE(ERROR, "GENERAL", "handleRaSocketEvent",
+                      "[%s] Something went wrong on RA receiving, RX socket state is %s", getTraceTag(),
+                      messageStateToStr(message.m_state).c_str());
+        }
         return;
     }
 

@@ -272,6 +272,8 @@ uint32_t solifDecode(const void* msg, size_t size, SolifMessage& out, std::strin
             const uint32_t textSize = readU32(bytes, offsetof(solif_show_rainfo_cfm_t, size));
             out.text = answerText(
                 reinterpret_cast<const char*>(bytes + offsetof(solif_show_rainfo_cfm_t, text)), textSize);
+            // The size counts the text's NUL; a text cut to fit the largest message has none.
+            out.textCut = out.text.size() == textSize;
             break;
         }
         default:

@@ -212,6 +212,7 @@ struct SolifMessage {
     std::vector<SolNetwork> networks;      // one for a network indication
     std::vector<SolDnsServer> dnsServers;  // `count` for a DNS server list
     std::string text;                      // a text answer, up to its first NUL within its size
+    bool textCut = false;                  // the text answer was cut by its sender: no NUL within its size
 };
 
 // Decodes the `size` bytes at `msg`. 0 on success; 1 when the message is short, inconsistent or of

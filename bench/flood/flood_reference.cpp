@@ -1,14 +1,14 @@
 // The references of the flood benchmark on the daemon's own socket. The socket is set up by the
-// daemon's SocketMgr::init (namespace, device binding, ICMPv6 filter, packet information, bound to
-// the link-local address); then, into the same buffers the daemon uses and nothing else, either a
-// GLib loop does one recvmsg per wakeup (the GLib reference), or, with --blocking, a bare
-// blocking recvmsg loop (the receive limit).
+// daemon's SocketMgr::init (namespace, device binding, ICMPv6 filter, packet information and hop
+// limit, bound to the link-local address); then, into the same buffers the daemon uses and nothing
+// else, either a GLib loop does one recvmsg per wakeup (the GLib reference), or, with --blocking, a
+// bare blocking recvmsg loop (the receive limit).
 //   flood_reference [--blocking] NAMESPACE INTERFACE
 // Prints "ready" once the socket is bound, then runs until SIGINT/SIGTERM and prints
 // "received N".
+#include <fcntl.h>
 #include <glib-unix.h>
 #include <glib.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -23,14 +23,12 @@
 
 namespace {
 
-// The daemon's receive buffers: kMessageBufferSize bytes of data and room for one packet
-// information item.
-constexpr size_t kControlSize = CMSG_SPACE(sizeof(struct in6_pktinfo));
-
+// The daemon's receive buffers: kMessageBufferSize bytes of data and room for the control items
+// its socket asks for.
 struct Receiver {
     uint64_t received = 0;
     uint8_t data[solicd::kMessageBufferSize];
-    alignas(struct cmsghdr) uint8_t control[kControlSize];
+    alignas(struct cmsghdr) uint8_t control[solicd::kReceiveControlSize];
 };
 
 // One datagram; false when the call failed (EINTR when a signal ends the blocking loop).

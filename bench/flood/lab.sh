@@ -161,14 +161,14 @@ start_reference() {
     fail "the reference did not get ready"
 }
 
-# stop_reference: ends it; the datagrams it received on stdout.
+# stop_reference: ends it; the datagrams it received in REF_RECEIVED. (Not in a command
+# substitution: a subshell cannot wait for its parent's children, and would read the count
+# before the reference has written it.)
 stop_reference() {
     kill -TERM "$REF_PID"
     wait "$REF_PID" || true
-    local received
-    received=$(sed -nE 's/^received ([0-9]+)$/\1/p' "$WORK/reference.out")
-    [ -n "$received" ] || fail "the reference reported nothing"
-    echo "$received"
+    REF_RECEIVED=$(sed -nE 's/^received ([0-9]+)$/\1/p' "$WORK/reference.out")
+    [ -n "$REF_RECEIVED" ] || fail "the reference reported nothing"
 }
 
 rate() { awk -v n="$1" -v s="$2" 'BEGIN {printf "%.0f", n / s}'; }

@@ -43,7 +43,8 @@ start_reference
 read -r c0 d0 < <(measure "$REF_PID")
 typical_flood
 read -r c1 d1 < <(measure "$REF_PID")
-ref_alone=$(stop_reference)
+stop_reference
+ref_alone=$REF_RECEIVED
 ref_alone_row=$(row "reference alone" "$ref_alone" $((c1 - c0)) $((d1 - d0)))
 ref_alone_us=$(per_ra_us $((c1 - c0)) "$ref_alone")
 sent_alone_rate=$(rate "$SENT" "$SECONDS_SENT")
@@ -80,7 +81,8 @@ typical_flood
 read -r c1 d1 < <(measure "$sol_pid")
 read -r r1 e1 < <(measure "$REF_PID")
 show "$MBOX_A" "$WORK/after.txt" >/dev/null
-ref_side=$(stop_reference)
+stop_reference
+ref_side=$REF_RECEIVED
 sol_side=$(($(counter "$WORK/after.txt" rxRa) - $(counter "$WORK/before.txt" rxRa)))
 kill -TERM "$sol_pid"
 wait "$sol_pid" || true
@@ -98,7 +100,8 @@ start_reference --blocking
 read -r c0 _ < <(measure "$REF_PID")
 typical_flood
 read -r c1 _ < <(measure "$REF_PID")
-limit_alone=$(stop_reference)
+stop_reference
+limit_alone=$REF_RECEIVED
 limit_rate=$(rate "$limit_alone" "$SECONDS_SENT")
 limit_us=$(per_ra_us $((c1 - c0)) "$limit_alone")
 sent_limit_rate=$(rate "$SENT" "$SECONDS_SENT")
@@ -144,10 +147,12 @@ per_ra_ns() { awk -v t="$1" -v n="$2" 'BEGIN {if (n > 0) printf "%.0f", t / n; e
 per_cpu_second() { awk -v t="$1" -v n="$2" 'BEGIN {if (t > 0) printf "%.0f", n / t * 1e9; else print "-"}'; }
 start_reference
 drain "$REF_PID"
-ref_drained=$(stop_reference) ref_drain_ns=$DRAIN_NS ref_drain_all_ns=$DRAIN_ALL_NS
+stop_reference
+ref_drained=$REF_RECEIVED ref_drain_ns=$DRAIN_NS ref_drain_all_ns=$DRAIN_ALL_NS
 start_reference --blocking
 drain "$REF_PID"
-limit_drained=$(stop_reference) limit_drain_ns=$DRAIN_NS limit_drain_all_ns=$DRAIN_ALL_NS
+stop_reference
+limit_drained=$REF_RECEIVED limit_drain_ns=$DRAIN_NS limit_drain_all_ns=$DRAIN_ALL_NS
 peer "${RADVDUMP[@]}" drain radvdump
 radvdump_drained=$PEER_COUNT radvdump_drain_ns=$DRAIN_NS radvdump_drain_all_ns=$DRAIN_ALL_NS
 peer "${NDPTOOL[@]}" drain ndptool -i "$IF" monitor -t ra

@@ -1,12 +1,13 @@
 // Arbitrary bytes as a message solicctl received: the size checks must hold every read inside
-// the message, and whatever decodes must print (text, JSON, the short watch line, structure form)
-// without fault.
+// the message, and whatever decodes must print (text, JSON, the short watch line, structure form,
+// and a health document taken as whole, for people and as metrics) without fault.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <memory>
 #include <sstream>
 
+#include "HealthView.h"
 #include "SolIf.h"
 #include "SolicctlOutput.h"
 #include "WatchLines.h"
@@ -39,5 +40,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         os << solicd::ctl::watchLine(decoded, 0, true);
     }
     os << solicd::ctl::showText(decoded);
+    // A health document solicctl takes as whole must show, for people and for scrapers.
+    solicd::ctl::HealthDocument health;
+    if (decoded.msgNo == SOLIF_HEALTH_CFM && !decoded.textCut &&
+        solicd::ctl::readHealth(decoded.text, health, error)) {
+        os << solicd::ctl::healthText("solicd", health, 0, true)
+           << solicd::ctl::metricsText(health, solicd::SolCacheText{}, 0);
+    }
     return 0;
 }

@@ -16,26 +16,30 @@ start_solicd
 wait_ready 20
 out=$WORK/watch.out
 
-# Router A (id 1) lives 3 s. Router B (id 2) stays; its prefix 2001:db8:1::/64 is preferred for
-# 3 s and valid for 6 s, 2001:db8:2::/64 stays; DNS servers 53 and 55 stay, 54 lives 4 s.
-send_ra fe80::a lifetime=3
+# Router B (id 1) stays; its prefix 2001:db8:1::/64 is preferred for 3 s and valid for 6 s,
+# 2001:db8:2::/64 stays; DNS servers 53 and 55 stay, 54 lives 4 s. Router A (id 2) lives 3 s.
+# Every short lifetime starts on arrival, and however long the second RA takes to follow the
+# first, B is there when A expires.
 send_ra fe80::b lifetime=600 prefix=2001:db8:1::/64,6,3 prefix=2001:db8:2::/64,3600,1800 \
     rdnss=600,2001:db8::53,2001:db8::55 rdnss=4,2001:db8::54
+send_ra fe80::a lifetime=3
 wait_lines "$out" 5 10
-expect_json "$out" 1 '.kind == "router_updated" and .address == "fe80::a" and .status.id == 1 and
-    .status.state == "STATE_NEW"' "router A new"
-expect_json "$out" 2 '.kind == "router_updated" and .address == "fe80::b" and .status.id == 2' "router B new"
-expect_json "$out" 3 '.kind == "network_updated" and .prefix == "2001:db8:1::" and .validLifetime == 6 and
+expect_json "$out" 1 '.kind == "router_updated" and .address == "fe80::b" and .status.id == 1 and
+    .status.state == "STATE_NEW"' "router B new"
+expect_json "$out" 2 '.kind == "network_updated" and .prefix == "2001:db8:1::" and .validLifetime == 6 and
     .preferredLifetime == 3 and .status.state == "STATE_NEW"' "short prefix new"
-expect_json "$out" 4 '.kind == "network_updated" and .prefix == "2001:db8:2::"' "long prefix new"
-expect_json "$out" 5 '.kind == "dns_servers_updated" and
+expect_json "$out" 3 '.kind == "network_updated" and .prefix == "2001:db8:2::"' "long prefix new"
+expect_json "$out" 4 '.kind == "dns_servers_updated" and
     [.servers[] | .address] == ["2001:db8::53", "2001:db8::55", "2001:db8::54"]' "three DNS servers"
+n=$(wait_json "$out" '.kind == "router_updated" and .address == "fe80::a" and .status.state == "STATE_NEW"' 10) ||
+    fail "router A did not arrive"
+expect_json "$out" "$n" '.status.id == 2' "router A new, second"
 
 # Router A expires: A itself, then the lowest-id active router, B.
 n=$(wait_json "$out" '.kind == "router_updated" and .address == "fe80::a" and .status.state == "STATE_EXPIRED"' 10) ||
     fail "router A did not expire"
 expect_json "$out" "$n" '.status.expiredCount == 1 and .status.stateChangeCount >= 1' "router A counted as expired"
-expect_json "$out" $((n + 1)) '.kind == "router_updated" and .address == "fe80::b" and .status.id == 2' \
+expect_json "$out" $((n + 1)) '.kind == "router_updated" and .address == "fe80::b" and .status.id == 1' \
     "router B right after the expired router A"
 
 # DNS server 54 expires: the remaining active set.

@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # `solicctl hooks` between the real daemon and real hook programs, the shipped resolv.conf hook
-# among them: radvd's DNS servers reach `ip netns exec NS cat /etc/resolv.conf` within 2 s; an
-# RDNSS lifetime of 0 removes one; a hook that fails and one that sleeps past the limit are
-# reported and do not stop the others; the hooks client killed and started again resyncs the file;
-# after a restart of solicd with a silent router the servers stay until its first solicitation
-# cycle has ended (one until its own lifetime ends first); the old values are right across a
-# router's expiry and a prefix's deprecation and expiry.
+# among them: radvd's DNS servers, in solicd's cache when the hooks client connects, reach
+# `ip netns exec NS cat /etc/resolv.conf` from the resync; an RDNSS lifetime of 0 removes one; a
+# hook that fails and one that sleeps past the limit are reported and do not stop the others;
+# the hooks client killed and started again resyncs the file; after a restart of solicd with a
+# silent router the servers stay until its first solicitation cycle has ended (one until its own
+# lifetime ends first); the old values are right across a router's expiry and a prefix's
+# deprecation and expiry.
 source "$(dirname "$0")/e2e_lib.sh"
 command -v radvd >/dev/null || { echo "skipped: radvd is not installed (scripts/install-deps)"; exit 77; }
 
@@ -66,12 +67,13 @@ start_radvd "
     RDNSS 2001:db8::53 2001:db8::54 {
         AdvRDNSSLifetime 600;
     };"
-start_hooks
 start_solicd
 wait_ready 20
 wait_show "address: 2001:db8::54" 20
-# Within 2 s of the RA that brought the servers (the slow hook ran past its limit meanwhile).
-wait_resolv 2 "nameserver 2001:db8::53" "nameserver 2001:db8::54"
+# The hooks client after the servers are known: the whole cache pushed on its connection is what
+# its first resync runs with, however fast radvd answered.
+start_hooks
+wait_resolv 10 "nameserver 2001:db8::53" "nameserver 2001:db8::54"
 [ "$(stat -c %a "$netns_etc/resolv.conf")" = 644 ] || fail "resolv.conf has mode $(stat -c %a "$netns_etc/resolv.conf")"
 deadline=$((SECONDS + 10))
 until grep -q "80-slow for RESYNC ran past 1 s and was ended" "$WORK/hooks.err"; do
@@ -88,7 +90,7 @@ kill -KILL "$RADVD_PID"
 wait "$RADVD_PID" 2>/dev/null || true
 router_address fe80::a
 send_ra fe80::a lifetime=2 prefix=2001:db8:dead::/64,6,2 rdnss=0,2001:db8::54
-wait_resolv 5 "nameserver 2001:db8::53"
+wait_resolv 10 "nameserver 2001:db8::53"
 events=$WORK/events.txt
 deadline=$((SECONDS + 15))
 until grep -q "^PREFIX_EXPIRED|2001:db8:dead::|" "$events"; do
@@ -107,13 +109,13 @@ kill -KILL "$HOOKS_PID"
 wait "$HOOKS_PID" 2>/dev/null || true
 printf '%s\nnameserver 2001:db8::99\n' "$marker" >"$netns_etc/resolv.conf"
 start_hooks
-wait_resolv 5 "nameserver 2001:db8::53"
+wait_resolv 10 "nameserver 2001:db8::53"
 
 # solicd restarted, with nothing on the link to answer its solicitations (radvd is gone, the
 # crafted router does not answer): its push is empty, but the servers stay until its first
 # solicitation cycle has ended, 56 only while its own lifetime lasts.
 send_ra fe80::a lifetime=600 rdnss=10,2001:db8::56
-wait_resolv 5 "nameserver 2001:db8::53" "nameserver 2001:db8::56"
+wait_resolv 10 "nameserver 2001:db8::53" "nameserver 2001:db8::56"
 kill -TERM "$SOLICD_PID"
 wait "$SOLICD_PID" 2>/dev/null || true
 deadline=$((SECONDS + 5))

@@ -144,6 +144,23 @@ wait_show()
     done
 }
 
+# counter NAME: one of the counters of solicd's show-cache answer (rxRa, txRs, rxRejected, ...).
+counter()
+{
+    "$SOLICCTL" show "$DAEMON_MBOX" | sed -nE "s/.*[{ ]$1: ([0-9]+).*/\1/p" | head -n1
+}
+
+# wait_counter NAME AT_LEAST SECONDS: until counter NAME is AT_LEAST; its value in COUNTER.
+# (Not in a command substitution: fail would end the subshell alone.)
+wait_counter()
+{
+    local deadline=$((SECONDS + $3))
+    until COUNTER=$(counter "$1") && [ "${COUNTER:-0}" -ge "$2" ]; do
+        [ $SECONDS -lt $deadline ] || fail "$1 is ${COUNTER:-not there}, not $2, after $3 s"
+        sleep 0.1
+    done
+}
+
 # start_watch NAME [ARGS...]: `solicctl watch CLIENT_MBOX --json` in the background, output in
 # NAME.out; returns once its mailbox exists. Sets WATCH_PID.
 start_watch()

@@ -22,18 +22,14 @@ start_watch watch
 # FIRST + 1, ...; returns once solicd has taken them all.
 burst()
 {
-    local i rx deadline=$((SECONDS + 20))
+    local i
     kill -STOP "$SOLICD_PID"
     for ((i = 0; i < RAS; i++)); do
         send_ra fe80::a lifetime=$(($1 + i))
     done
     kill -CONT "$SOLICD_PID"
-    until rx=$("$SOLICCTL" show "$DAEMON_MBOX" | sed -nE 's/.*[{ ]rxRa: ([0-9]+).*/\1/p' | head -n1) &&
-        [ "${rx:-0}" -ge "$RAS" ]; do
-        [ $SECONDS -lt $deadline ] || fail "solicd took ${rx:-no} RAs of $RAS"
-        sleep 0.1
-    done
-    [ "$rx" = "$RAS" ] || fail "solicd counted $rx RAs, $RAS were sent"
+    wait_counter rxRa "$RAS" 20
+    [ "$COUNTER" = "$RAS" ] || fail "solicd counted $COUNTER RAs, $RAS were sent"
 }
 
 # Untraced.

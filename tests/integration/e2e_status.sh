@@ -9,6 +9,11 @@ command -v radvd >/dev/null || { echo "skipped: radvd is not installed (scripts/
 
 lab_up
 prefix=2001:db8:$(printf %x $((RANDOM % 65536)))::
+# solicd first, and radvd only once solicd's first solicitation is out: an RA before it (radvd
+# sends one as it starts) would rightly leave solicd with nothing to solicit.
+start_solicd
+wait_ready 20
+wait_counter txRs 1 10
 start_radvd "
     AdvSendAdvert on;
     MinRtrAdvInterval 3;
@@ -26,8 +31,6 @@ start_radvd "
     RDNSS 2001:db8::53 2001:db8::54 {
         AdvRDNSSLifetime 600;
     };"
-start_solicd
-wait_ready 20
 wait_show "address: 2001:db8::54" 20
 
 # The two units of a duration as status prints them ("9m 58s", "23h 59m").

@@ -23,7 +23,9 @@ cleanup()
 {
     local pid
     for pid in "${PIDS[@]}"; do
+        # A process a test stopped (kill -STOP) takes the signal only once it runs again.
         kill "$pid" 2>/dev/null || true
+        kill -CONT "$pid" 2>/dev/null || true
     done
     for pid in "${PIDS[@]}"; do
         wait "$pid" 2>/dev/null || true

@@ -3,6 +3,8 @@
 //   ra_sender IFNAME SOURCE DESTINATION [FIELD=VALUE]...
 // Fields (any order; prefix and rdnss may repeat, their options follow in the order given):
 //   hop=N                       current hop limit (default 64)
+//   iphop=N                     the IPv6 hop limit the RA leaves with (default 255; a router
+//                               beyond the link cannot make an RA arrive with 255)
 //   flags=M|O|MO|-              managed / other-configuration bits (default none)
 //   lifetime=S                  router lifetime in seconds (default 1800)
 //   reachable=MS  retrans=MS    reachable time and retransmission timer (default 0)
@@ -10,8 +12,8 @@
 //                                        take "inf" for 0xffffffff
 //   rdnss=LIFETIME,ADDR[,ADDR]...         recursive DNS servers with one lifetime
 // SOURCE must be an address of IFNAME (e.g. added with "ip addr add fe80::a/64 dev IF nodad");
-// it is set per packet, so one interface can play several routers. Hop limit 255; the kernel
-// fills in the checksum. Exit status 0 when the RA was sent, 1 when sending failed, 2 on bad
+// it is set per packet, so one interface can play several routers. The kernel fills in the
+// checksum. Exit status 0 when the RA was sent, 1 when sending failed, 2 on bad
 // arguments.
 #include <arpa/inet.h>
 #include <net/if.h>
@@ -146,8 +148,9 @@ bool appendRdnss(std::vector<uint8_t>& ra, const std::string& value) {
     return true;
 }
 
-// Header fields and options into the RA; false on a field it does not know or cannot read.
-bool build(std::vector<uint8_t>& ra, int argc, char** argv) {
+// Header fields and options into the RA, the IPv6 hop limit into `ipHops`; false on a field it
+// does not know or cannot read.
+bool build(std::vector<uint8_t>& ra, int& ipHops, int argc, char** argv) {
     ra.assign(kHeaderSize, 0);
     ra[0] = kTypeRouterAdvertisement;
     ra[4] = 64;
@@ -163,6 +166,8 @@ bool build(std::vector<uint8_t>& ra, int argc, char** argv) {
         std::optional<uint32_t> n;
         if (key == "hop" && (n = number(value, 255))) {
             ra[4] = static_cast<uint8_t>(*n);
+        } else if (key == "iphop" && (n = number(value, 255)) && *n <= 255) {
+            ipHops = static_cast<int>(*n);
         } else if (key == "flags" && (value == "-" || value == "M" || value == "O" || value == "MO")) {
             ra[5] = static_cast<uint8_t>((value.find('M') != std::string::npos ? kFlagManaged : 0) |
                                          (value.find('O') != std::string::npos ? kFlagOther : 0));
@@ -199,13 +204,14 @@ int main(int argc, char** argv) {
         return usage("bad interface, source or destination");
     }
     std::vector<uint8_t> ra;
-    if (!build(ra, argc, argv)) {
+    int ipHops = kNdHopLimit;
+    if (!build(ra, ipHops, argc, argv)) {
         return usage("bad field");
     }
 
     const int fd = socket(AF_INET6, SOCK_RAW, IPPROTO_ICMPV6);
-    if (fd < 0 || setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, &kNdHopLimit, sizeof kNdHopLimit) != 0 ||
-        setsockopt(fd, IPPROTO_IPV6, IPV6_UNICAST_HOPS, &kNdHopLimit, sizeof kNdHopLimit) != 0) {
+    if (fd < 0 || setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, &ipHops, sizeof ipHops) != 0 ||
+        setsockopt(fd, IPPROTO_IPV6, IPV6_UNICAST_HOPS, &ipHops, sizeof ipHops) != 0) {
         std::fprintf(stderr, "ra_sender: socket: %s\n", std::strerror(errno));
         return 1;
     }

@@ -24,9 +24,16 @@ strace -f -qq -e trace=bind -o "$WORK/strace-never.txt" timeout -k 2 60 "$DRIVER
 never_pid=$!
 PIDS+=($never_pid)
 
-start_driver later --ns "$A" --if "$IA" --seconds 1
-later_pid=$LAST_PID
-sleep 1
+strace -f -qq -e trace=bind -o "$WORK/strace-later.txt" timeout -k 2 60 "$DRIVER" --ns "$A" --if "$IA" --seconds 1 \
+    >"$WORK/later.out" 2>&1 &
+later_pid=$!
+PIDS+=($later_pid)
+# Ten refused binds (a second of retrying) before the address can become usable.
+deadline=$((SECONDS + 30))
+until [ "$(grep -c 'bind(.*AF_INET6.*= -1' "$WORK/strace-later.txt" 2>/dev/null || true)" -ge 10 ]; do
+    [ $SECONDS -lt $deadline ] || fail "init did not retry its bind: $(cat "$WORK/strace-later.txt")"
+    sleep 0.1
+done
 # Carrier: duplicate address detection runs and the address becomes usable.
 ip -n "$B" link set "$IB" up
 wait "$later_pid" || fail "init did not bind once the address was usable"

@@ -36,9 +36,8 @@ public:
         struct icmp6_filter filter;
         ICMP6_FILTER_SETBLOCKALL(&filter);
         ICMP6_FILTER_SETPASS(ND_ROUTER_ADVERT, &filter);
-        const int on = 1;
         if (fd.get() < 0 || setsockopt(fd.get(), IPPROTO_ICMPV6, ICMP6_FILTER, &filter, sizeof filter) != 0 ||
-            setsockopt(fd.get(), IPPROTO_IPV6, IPV6_RECVPKTINFO, &on, sizeof on) != 0) {
+            !requestReceptionItems(fd.get())) {
             std::perror("any-interface socket");
             return false;
         }

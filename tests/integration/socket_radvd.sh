@@ -21,12 +21,18 @@ interface $IB {
     prefix 2001:db8:$(printf %x $RANDOM)::/64 {};
 };
 EOF
+# Router Advertisements that reached namespace A (its ICMPv6 layer counts them, socket or not).
+ras_in_a() { ip netns exec "$A" awk '$1 == "Icmp6InType134" { n = $2 } END { print n + 0 }' /proc/net/snmp6; }
 ip netns exec "$B" radvd -n -C "$WORK/radvd.conf" -p "$WORK/radvd.pid" -m stderr -d 1 >"$WORK/radvd.out" 2>&1 &
 radvd_pid=$!
 PIDS+=($radvd_pid)
-# radvd sends its first advertisement when it starts; let it pass before the driver listens.
-sleep 1.5
-kill -0 "$radvd_pid" 2>/dev/null || fail "radvd did not start: $(cat "$WORK/radvd.out")"
+# radvd sends its first advertisement when it starts: the driver listens once it has passed.
+deadline=$((SECONDS + 20))
+until [ "$(ras_in_a)" -ge 1 ]; do
+    kill -0 "$radvd_pid" 2>/dev/null || fail "radvd did not start: $(cat "$WORK/radvd.out")"
+    [ $SECONDS -lt $deadline ] || fail "radvd's first advertisement did not come"
+    sleep 0.1
+done
 
 start_driver ra --ns "$A" --if "$IA" --seconds 8 --verbose
 wait "$LAST_PID" || fail "driver"

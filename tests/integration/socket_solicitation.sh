@@ -24,7 +24,7 @@ start_driver rs --ns "$A" --if "$IA" --seconds 14
 finished=$(trace_line INFO GENERAL "cbExpired(): [] Finished router solicitation. Sent 3 RS messages, noRA detected.")
 wait_line "$WORK/rs.out" "$finished" 20
 wait "$LAST_PID" || fail "driver"
-sleep 0.5
+# The last solicitation left 4 s before the cycle finished: tshark has it.
 kill -INT "$tshark_pid"
 wait "$tshark_pid" || true
 
@@ -48,7 +48,8 @@ while IFS=, read -r time type code hlim src dst plen opt linkaddr checksum; do
     [ "$linkaddr" = "$hw" ] || fail "link-layer address $linkaddr, expected $hw"
     [ "$checksum" = 1 ] || fail "checksum status $checksum"
     if [ -n "$previous" ]; then
-        awk -v a="$previous" -v b="$time" 'BEGIN { d = b - a; exit !(d > 3.8 && d < 4.6) }' ||
+        # The timer never fires early; a loaded machine may run it late.
+        awk -v a="$previous" -v b="$time" 'BEGIN { d = b - a; exit !(d > 3.9 && d < 6) }' ||
             fail "solicitations $previous s and $time s are not 4 s apart"
     fi
     previous=$time

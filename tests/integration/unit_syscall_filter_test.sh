@@ -93,7 +93,8 @@ daemon_pid=$(pgrep -P "$strace_pid" -x solicd) || fail "no solicd under strace $
 ip netns exec "$ns" "$sender" "$peer" ff02::1 134 16 || fail "could not send an RA"
 LMX_DIR=$work/lmx "$solicctl" show "$mbox" >"$work/show.out" || fail "solicd under strace does not answer show"
 kill -HUP "$daemon_pid"
-sleep 1
+# An answer after the signal: solicd has taken it and goes on.
+LMX_DIR=$work/lmx "$solicctl" show "$mbox" >/dev/null || fail "solicd under strace did not go on after SIGHUP"
 kill -TERM "$daemon_pid"
 status=0
 wait "$strace_pid" || status=$?

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <nlohmann/json.hpp>
 
 #include "HandlerDoubles.h"
 #include "RaVectors.h"
@@ -368,6 +369,44 @@ TEST_F(ClientRequestTest, ARouterEvictedFromTheCacheTakesItsHealthAlong) {
     EXPECT_NE(text.find(R"({"address":"fe80::1","state")"), std::string::npos) << text;
     EXPECT_EQ(text.find(R"("fe80::2")"), std::string::npos) << "evicted, its health too: " << text;
     EXPECT_NE(text.find(R"({"address":"fe80::3","state")"), std::string::npos) << text;
+}
+
+// A spoofing flood: as many routers as the cache holds, each sending random M and O flags,
+// reachable time and retrans timer, so that nearly every pair disagrees. The answer stays whole
+// and valid, keeps the most conflicts it keeps and counts the rest.
+TEST_F(ClientRequestTest, TheHealthAnswerDuringAFloodOfDisagreeingRoutersIsWholeAndSaysWhatItLeftOut) {
+    m_data.lmxState = LmxMgr::DST_MBOX_STATE_CONNECTING;
+    uint32_t seed = 22;
+    const auto random = [&seed] {
+        seed = seed * 1103515245u + 12345u;
+        return seed >> 8;
+    };
+    for (int round = 0; round < 2; ++round) {
+        for (size_t i = 0; i < Logic::kMaxRouters; ++i) {
+            const std::string source = "fe80::a:" + std::to_string(i);
+            receiveRa(RaBuilder(1800)
+                          .flags(static_cast<uint8_t>(random() & 0xc0))
+                          .timers(1 + random() % 3600000, 1 + random() % 10000)
+                          .bytes(),
+                      source.c_str());
+        }
+    }
+    nextMessage(SOLIF_HEALTH_REQ, kOtherClient, LmxMgr::DST_MBOX_STATE_CONNECTING);
+    TraceCapture capture;
+    m_logic.handleLmxEvent();
+    EXPECT_THAT(capture.records(), ElementsAre(Trace(TraceEvent::LAB, "GENERAL", received(5))))
+        << "sent as it is, never cut";
+    ASSERT_EQ(m_data.responded.size(), 1u);
+    ASSERT_FALSE(m_data.responded[0].decoded.textCut);
+    const auto j = nlohmann::json::parse(m_data.responded[0].decoded.text, nullptr, false);
+    ASSERT_TRUE(j.is_object()) << "not JSON";
+    EXPECT_EQ(j["routers"].size(), Logic::kMaxRouters);
+    size_t listed = 0;
+    for (const auto& r : j["routers"]) {
+        listed += r["conflicts"].size();
+    }
+    EXPECT_EQ(listed, 2 * RaHealth::kConflictsMax) << "each under both its routers";
+    EXPECT_GT(j["conflictsDropped"].get<uint64_t>(), 1000u);
 }
 
 TEST_F(ClientRequestTest, ShowCacheOfAnEmptyCacheHasTheHeadingsAndCounters) {

@@ -16,6 +16,7 @@
 #include <initializer_list>
 #include <list>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "FakeLmx.h"
@@ -212,6 +213,19 @@ public:
         put16(routerLifetime);
         put32(0);  // reachable time unspecified
         put32(0);  // retrans timer unspecified
+    }
+    // The header's M (0x80) and O (0x40) bits.
+    RaBuilder& flags(uint8_t bits) {
+        m_bytes[5] = bits;
+        return *this;
+    }
+    RaBuilder& timers(uint32_t reachable, uint32_t retrans) {
+        for (const auto& [at, value] : {std::pair{8, reachable}, std::pair{12, retrans}}) {
+            for (int i = 0; i < 4; ++i) {
+                m_bytes[at + i] = static_cast<uint8_t>(value >> (24 - 8 * i));
+            }
+        }
+        return *this;
     }
     // Prefix Information, 4 units: /64, L and A set.
     RaBuilder& prefix(const char* prefix, uint32_t valid, uint32_t preferred) {

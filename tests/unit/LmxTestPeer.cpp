@@ -30,6 +30,9 @@ const char* const kUsage =
     "  malformed  answer routers requests with a routers answer that claims 5 entries in 144 bytes,\n"
     "             show-cache requests with a cache dump cut in the middle of a record, and health\n"
     "             requests with a document of version 7\n"
+    "  cut        answer health and show-cache requests with texts longer than the largest message,\n"
+    "             which go out cut as solicd cuts them\n"
+    "  garbled    answer health requests with a whole text that is not JSON\n"
     "  vanish     end without answering at the first request\n"
     "  publish    when SUBSCRIBER connects, send: router 1 update, network 1 update, DNS list of\n"
     "             servers 0 and 1, a router update of 100 bytes, a message numbered 0x1234, and\n"
@@ -96,10 +99,21 @@ bool answer(LmxMgr& mgr, const std::string& mode, const LmxMgr::Message& request
             reply.setTxGetRoutersCfmPush(makeRouter(2));
         }
     } else if (type == LmxMgr::RX_TYPE_HEALTH_REQ) {
-        reply.setTxHealthCfm(mode == "malformed" ? "{\"version\":7}" : kTestHealthText);
+        if (mode == "cut") {
+            // Whole, a valid document; it does not fit.
+            std::string text = kTestHealthText;
+            text.insert(text.size() - 1, ",\"padding\":\"" + std::string(lmx_get_max_size(), 'x') + "\"");
+            reply.setTxHealthCfm(text);
+        } else {
+            reply.setTxHealthCfm(mode == "malformed" ? "{\"version\":7}"
+                                 : mode == "garbled" ? "{\"version\":1,\"routers\":["
+                                                     : kTestHealthText);
+        }
     } else {
         const std::string text = testCacheText();
-        reply.setTxShowRainfoCfm(mode == "malformed" ? text.substr(0, text.size() / 2) : text);
+        reply.setTxShowRainfoCfm(mode == "malformed" ? text.substr(0, text.size() / 2)
+                                 : mode == "cut"     ? text + std::string(lmx_get_max_size(), '\n')
+                                                     : text);
     }
     mgr.respond(request, reply);
     return true;

@@ -23,7 +23,7 @@ inline std::string testCacheText() {
 // The health answer: as solicd writes it, two routers that disagree on M, one with a gap and
 // drops, and a source of malformed RAs that is not a router.
 inline constexpr const char* kTestHealthText =
-    R"({"version":1,"time":1764064800,"routers":[)"
+    R"({"version":1,"time":1764064800,"conflictsDropped":0,"otherSourcesForgotten":0,"routers":[)"
     R"({"address":"fe80::1","state":"STATE_UPDATED","ras":120,"firstRa":1764063600,"lastRa":1764064797,)"
     R"("silentSeconds":3,"interval":{"count":119,"last":10,"min":9,"max":60,"mean":10.1},"gaps":1,)"
     R"("dropped":{"no_options":2},"prefixesIgnored":{"prefix_length":1},)"

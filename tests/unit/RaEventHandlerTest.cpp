@@ -3,6 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <utility>
+
 #include "HandlerDoubles.h"
 #include "LoopbackSocket.h"
 #include "RaVectors.h"
@@ -415,7 +418,22 @@ public:
         EXPECT_EQ(SolApp::cbRaSocketEvent(m_fd, G_IO_IN, &m_logic), TRUE);
         return taken() - before;
     }
-    void send(size_t size) { sendDatagram(m_address, size); }
+    void send(size_t size, int hopLimit = kNdHopLimit) { sendDatagram(m_address, size, hopLimit); }
+
+    // The socket event and the reception traces of the wakeups so far, in order: "E" and "R".
+    std::string eventsAndReceptions(const std::vector<TraceRecord>& records) const {
+        const TraceRecord event =
+            Trace(TraceEvent::LAB, "GENERAL",
+                  tagged("cbRaSocketEvent", "Socket event 1, is received on socket " + std::to_string(m_fd)));
+        const TraceRecord reception =
+            Trace(TraceEvent::LAB, "ADDR_IPV6",
+                  tagged("receive", "Received message on interface [lo], RA: ::1->::1"));
+        std::string out;
+        for (const TraceRecord& r : records) {
+            out += r == event ? "E" : r == reception ? "R" : "";
+        }
+        return out;
+    }
 
     struct sockaddr_in6 m_address {};
     int m_fd = -1;
@@ -455,6 +473,61 @@ TEST_F(QueuedDatagramTest, WhileLabIsOnEachDatagramHasAWakeupAndASocketEventTrac
     EXPECT_EQ(capture.records().size(), 2 * firstWakeup);
 }
 
+// A session that starts in the middle of a batch read ahead: every datagram handled from then on
+// comes with its socket event, exactly as if each had had a wakeup of its own.
+TEST_F(QueuedDatagramTest, LabTurnedOnAfterTheFirstDatagramOfABatchGivesEveryOtherItsSocketEvent) {
+    constexpr size_t kBatch = 6;
+    TraceCapture capture(kAllButLab);
+    for (size_t i = 0; i < kBatch; ++i) {
+        send(64);
+    }
+    // The seam: LAB comes on as soon as the socket has given the first datagram of the batch.
+    size_t given = 0;
+    ON_CALL(m_data.socket, receive(_)).WillByDefault([&](SocketMgr::Message& message) {
+        const uint32_t result = m_data.socket.SocketMgr::receive(message);
+        if (++given == 1) {
+            const trace::Capture current = trace::getCapture();
+            trace::setCapture(current.fn, current.context, trace::kAllEvents);
+        }
+        return result;
+    });
+    EXPECT_EQ(wakeUp(), kBatch) << "read ahead with LAB off, so taken in one wakeup";
+    EXPECT_EQ(eventsAndReceptions(capture.records()), "ERERERERER");
+    // From the second datagram's socket event on (the first one's handling ends with LAB on).
+    const auto secondEvent =
+        std::find_if(capture.records().begin(), capture.records().end(),
+                     [&](const TraceRecord& r) { return eventsAndReceptions({r}) == "E"; });
+    const std::vector<TraceRecord> midBatch(secondEvent, capture.records().end());
+
+    // The same datagrams one per wakeup, LAB on from the start.
+    capture.clear();
+    for (size_t i = 1; i < kBatch; ++i) {
+        send(64);
+    }
+    for (size_t i = 1; i < kBatch; ++i) {
+        ASSERT_EQ(wakeUp(), 1u);
+    }
+    EXPECT_EQ(midBatch, capture.records());
+}
+
+// An RA from beyond the link (hop limit not 255) is counted as rejected and leaves the one trace
+// the socket gives it: the handler adds none, read ahead or not.
+TEST_F(QueuedDatagramTest, ADatagramFromBeyondTheLinkLeavesOnlyTheSocketsTrace) {
+    TraceCapture capture(kAllButLab);
+    send(64, 64);
+    send(64, 64);
+    EXPECT_EQ(wakeUp(), 2u);
+    const TraceRecord offLink =
+        Trace(TraceEvent::INFO, "ADDR_IPV6",
+              tagged("receive", "Message was received with hop limit 64, expected 255"));
+    EXPECT_THAT(capture.records(), ElementsAre(offLink, offLink));
+    EXPECT_EQ(m_data.socket.getCounters().m_counters.rxRejected, 2u);
+    EXPECT_EQ(
+        m_data.parser.getCounters().m_counters.raParsed + m_data.parser.getCounters().m_counters.raDropped,
+        0u)
+        << "never parsed";
+}
+
 TEST_F(QueuedDatagramTest, AWakeupTakesAtMostItsShareAndLeavesTheRestToTheNext) {
     TraceCapture capture(kAllButLab);
     for (size_t i = 0; i < 1 + kReadAheadCapacity + 3; ++i) {
@@ -465,21 +538,26 @@ TEST_F(QueuedDatagramTest, AWakeupTakesAtMostItsShareAndLeavesTheRestToTheNext) 
 }
 
 // Each datagram leaves the traces it leaves in a wakeup of its own, in the same order: accepted,
-// too long (the socket rejects it, the handler reports it), accepted, exactly the buffer.
+// too long (the socket rejects it, the handler reports it), accepted, from beyond the link (the
+// socket rejects it), exactly the buffer.
 TEST_F(QueuedDatagramTest, TakenTogetherTheyLeaveTheTracesTheyLeaveOneByOne) {
-    const std::vector<size_t> sizes = {100, kMessageBufferSize + 1, 64, kMessageBufferSize};
+    const std::vector<std::pair<size_t, int>> datagrams = {{100, kNdHopLimit},
+                                                           {kMessageBufferSize + 1, kNdHopLimit},
+                                                           {64, kNdHopLimit},
+                                                           {64, 64},
+                                                           {kMessageBufferSize, kNdHopLimit}};
     TraceCapture capture(kAllButLab);
-    for (size_t size : sizes) {
-        send(size);
+    for (const auto& [size, hopLimit] : datagrams) {
+        send(size, hopLimit);
     }
-    EXPECT_EQ(wakeUp(), sizes.size());
+    EXPECT_EQ(wakeUp(), datagrams.size());
     const std::vector<TraceRecord> together = capture.records();
     capture.clear();
-    for (size_t size : sizes) {
-        send(size);
+    for (const auto& [size, hopLimit] : datagrams) {
+        send(size, hopLimit);
     }
     m_data.socket.setReadAhead(0);
-    for (size_t i = 0; i < sizes.size(); ++i) {
+    for (size_t i = 0; i < datagrams.size(); ++i) {
         m_logic.handleRaSocketEvent();
     }
     EXPECT_EQ(together, capture.records());
@@ -488,7 +566,11 @@ TEST_F(QueuedDatagramTest, TakenTogetherTheyLeaveTheTracesTheyLeaveOneByOne) {
                                           tagged("handleRaSocketEvent",
                                                  "Something went wrong on RA receiving, RX socket "
                                                  "state is { no: 4, txt: MSG_STATE_RX_TRUNCATED}"))));
-    EXPECT_EQ(m_data.socket.getCounters().m_counters.rxRejected, 2u);
+    EXPECT_THAT(together, ::testing::Contains(Trace(TraceEvent::INFO, "ADDR_IPV6",
+                                                    tagged("receive",
+                                                           "Message was received with hop limit 64, "
+                                                           "expected 255"))));
+    EXPECT_EQ(m_data.socket.getCounters().m_counters.rxRejected, 4u);
 }
 
 // ---- Packets that go no further ----

@@ -10,7 +10,10 @@
 
 #include "ClientRecords.h"
 #include "RaHealth.h"
+#include "SolApp.h"
+#include "SolIf.h"
 #include "TraceCapture.h"
+#include "lmx.h"
 
 using namespace solicd;
 using namespace solicd::test;
@@ -54,7 +57,19 @@ protected:
     }
 
     std::vector<std::string> infos() const { return m_traces.messages(TraceEvent::INFO); }
-    static std::string info(const std::string& text) { return "RaHealth(): [" + kTag + "] " + text; }
+    // A trace of the method that finds the event.
+    static std::string info(const std::string& method, const std::string& text) {
+        return method + "(): [" + kTag + "] " + text;
+    }
+    static std::string disagree(const std::string& text) { return info("check", text); }
+    // The conflicts listed in an answer (each is listed under both routers).
+    static size_t conflictsListed(const nlohmann::json& answer) {
+        size_t n = 0;
+        for (const auto& r : answer["routers"]) {
+            n += r["conflicts"].size();
+        }
+        return n / 2;
+    }
 
     nlohmann::json answer(time_t now) const { return nlohmann::json::parse(m_health.json(now)); }
 
@@ -69,7 +84,8 @@ TEST_F(RaHealthTest, IntervalsAreCountedAndAGapIsTracedWhenTheLateRaComes) {
     }
     EXPECT_THAT(infos(), IsEmpty());
     ra(a, kStart + 30);  // 20 s of silence where 2 s is usual
-    EXPECT_THAT(infos(), ElementsAre(info("Router fe80::1 sent no RA for 20 s, usually every 2 s")));
+    EXPECT_THAT(infos(),
+                ElementsAre(info("noteArrival", "Router fe80::1 sent no RA for 20 s, usually every 2 s")));
     ra(a, kStart + 32);
     EXPECT_EQ(infos().size(), 1u) << "the usual interval again";
     const auto r = answer(kStart + 35)["routers"][0];
@@ -99,14 +115,15 @@ TEST_F(RaHealthTest, EachConflictKindIsRaisedOnceAndClearedWhenTheRoutersAgree) 
     ra(router("fe80::2", FLAG_OTHER, 20000, 2000), kStart + 2, {prefix("2001:db8:1::", 7200, 3600)});
     EXPECT_THAT(
         infos(),
-        ElementsAre(info("Router fe80::2 disagrees with router fe80::1 on M flag: 0 vs 1"),
-                    info("Router fe80::2 disagrees with router fe80::1 on O flag: 1 vs 0"),
-                    info("Router fe80::2 disagrees with router fe80::1 on reachable time: 20000 vs 30000"),
-                    info("Router fe80::2 disagrees with router fe80::1 on retrans timer: 2000 vs 1000"),
-                    info("Router fe80::2 disagrees with router fe80::1 on valid lifetime of "
-                         "2001:db8:1::/64: 7200 vs 86400"),
-                    info("Router fe80::2 disagrees with router fe80::1 on preferred lifetime of "
-                         "2001:db8:1::/64: 3600 vs 14400")))
+        ElementsAre(
+            disagree("Router fe80::2 disagrees with router fe80::1 on M flag: 0 vs 1"),
+            disagree("Router fe80::2 disagrees with router fe80::1 on O flag: 1 vs 0"),
+            disagree("Router fe80::2 disagrees with router fe80::1 on reachable time: 20000 vs 30000"),
+            disagree("Router fe80::2 disagrees with router fe80::1 on retrans timer: 2000 vs 1000"),
+            disagree("Router fe80::2 disagrees with router fe80::1 on valid lifetime of "
+                     "2001:db8:1::/64: 7200 vs 86400"),
+            disagree("Router fe80::2 disagrees with router fe80::1 on preferred lifetime of "
+                     "2001:db8:1::/64: 3600 vs 14400")))
         << "once per pair and field";
     EXPECT_EQ(answer(kStart + 3)["routers"][0]["conflicts"].size(), 6u);
     m_traces.clear();
@@ -117,7 +134,8 @@ TEST_F(RaHealthTest, EachConflictKindIsRaisedOnceAndClearedWhenTheRoutersAgree) 
     EXPECT_THAT(answer(kStart + 4)["routers"][0]["conflicts"], IsEmpty());
     // A new disagreement is news again.
     ra(router("fe80::1", FLAG_MANAGED | FLAG_OTHER, 20000, 2000), kStart + 4);
-    EXPECT_THAT(infos(), ElementsAre(info("Router fe80::1 disagrees with router fe80::2 on M flag: 1 vs 0")));
+    EXPECT_THAT(infos(),
+                ElementsAre(disagree("Router fe80::1 disagrees with router fe80::2 on M flag: 1 vs 0")));
 }
 
 TEST_F(RaHealthTest, UnsetTimersAndLifetimesCountingDownTogetherAreNoConflict) {
@@ -133,7 +151,8 @@ TEST_F(RaHealthTest, ARouterFirstHeardLongAfterTheFirstIsNamed) {
     ra(router("fe80::2"), kStart + 600);
     EXPECT_THAT(infos(), IsEmpty()) << "600 s is not yet late";
     ra(router("fe80::3"), kStart + 3601);
-    EXPECT_THAT(infos(), ElementsAre(info("New router fe80::3 appeared 3601 s after the first router")));
+    EXPECT_THAT(infos(),
+                ElementsAre(info("onRa", "New router fe80::3 appeared 3601 s after the first router")));
 }
 
 TEST_F(RaHealthTest, OutcomesGoToTheRouterOrToTheBoundedTableOfOtherSources) {
@@ -151,10 +170,108 @@ TEST_F(RaHealthTest, OutcomesGoToTheRouterOrToTheBoundedTableOfOtherSources) {
     EXPECT_EQ(j["routers"][0]["prefixesIgnored"], nlohmann::json({{"prefix_length", 2}}));
     EXPECT_EQ(j["routers"][0]["dropped"], nlohmann::json({{"malformed_option", 1}}));
     ASSERT_EQ(j["otherSources"].size(), RaHealth::kOtherSourcesMax);
-    // The four oldest were forgotten.
+    // The four oldest were forgotten, and the answer says how many.
     for (const auto& o : j["otherSources"]) {
         EXPECT_GE(o["lastSeen"].get<time_t>(), kStart + 4) << o;
     }
+    EXPECT_EQ(j["otherSourcesForgotten"], 4);
+}
+
+// 64 routers that each disagree with every other (a spoofing flood): the conflicts grow with the
+// square of the routers, but only the first 64 found are kept and traced; the rest are counted.
+TEST_F(RaHealthTest, AFloodOfDisagreeingRoutersKeepsTheFirstConflictsAndCountsTheRest) {
+    constexpr unsigned kRouters = 64;
+    for (unsigned i = 0; i < kRouters; ++i) {
+        const std::string address = "fe80::1:" + std::to_string(i);
+        ra(router(address.c_str(), 0, 10000 + i), kStart + i);
+    }
+    const size_t pairs = kRouters * (kRouters - 1) / 2;
+    const auto j = answer(kStart + kRouters);
+    EXPECT_EQ(conflictsListed(j), RaHealth::kConflictsMax);
+    EXPECT_EQ(j["conflictsDropped"], pairs - RaHealth::kConflictsMax);
+    EXPECT_EQ(infos().size(), RaHealth::kConflictsMax) << "a conflict not kept is not traced";
+    EXPECT_EQ(infos().front(), disagree("Router fe80::1:1 disagrees with router fe80::1:0 on reachable time: "
+                                        "10001 vs 10000"));
+    // Every router is still there, with its own counts.
+    EXPECT_EQ(j["routers"].size(), kRouters);
+}
+
+// A kept conflict that ends makes room: the next disagreement found is kept, and traced.
+TEST_F(RaHealthTest, AConflictThatEndsMakesRoomForTheNextOneFound) {
+    constexpr unsigned kRouters = 16;
+    for (unsigned i = 0; i < kRouters; ++i) {
+        const std::string address = "fe80::1:" + std::to_string(i);
+        ra(router(address.c_str(), 0, 10000 + i), kStart);
+    }
+    ASSERT_EQ(conflictsListed(answer(kStart)), RaHealth::kConflictsMax);
+    const uint64_t droppedBefore = answer(kStart)["conflictsDropped"];
+    m_traces.clear();
+    // Router 1 now agrees with router 0 (and still disagrees with the others): their conflict
+    // ends, and of router 1's other disagreements the first not kept takes its place.
+    ra(router("fe80::1:1", 0, 10000), kStart + 1);
+    const auto j = answer(kStart + 1);
+    EXPECT_EQ(conflictsListed(j), RaHealth::kConflictsMax);
+    EXPECT_THAT(infos(),
+                ElementsAre(disagree("Router fe80::1:1 disagrees with router fe80::1:12 on reachable "
+                                     "time: 10000 vs 10012")));
+    EXPECT_GT(j["conflictsDropped"].get<uint64_t>(), droppedBefore) << "the rest are counted again";
+    for (const auto& c : j["routers"][0]["conflicts"]) {
+        EXPECT_NE(c["peer"], "fe80::1:1") << "routers 0 and 1 agree";
+    }
+}
+
+// The largest document the daemon can be asked for travels whole: 64 routers (the cache's most)
+// with the longest addresses and every reason of drop, 64 conflicts with the longest texts, and
+// the whole table of other sources, each with every reason.
+TEST_F(RaHealthTest, TheLargestAnswerFitsTheLargestMessage) {
+    ParseOutcome everything;
+    for (uint32_t& n : everything.prefixesIgnored) {
+        n = 0xffffffff;
+    }
+    const auto longest = [](const char* head, unsigned i) {
+        char text[64];
+        std::snprintf(text, sizeof text, "%sffff:ffff:ffff:ffff:ffff:ffff:%04x", head, i);
+        return std::string(text);
+    };
+    // Two routers disagreeing on both lifetimes of 32 prefixes of the longest text.
+    std::vector<SolNetwork::Config> mine;
+    std::vector<SolNetwork::Config> theirs;
+    for (unsigned i = 0; i < RaHealth::kConflictsMax / 2; ++i) {
+        SolNetwork::Config n = prefix(longest("ffff:", i).c_str(), 4294967294u, 4294967293u);
+        n.prefixLength = 128;
+        mine.push_back(n);
+        // Far from counting down together with the first router's.
+        n.validLifetime = 1000000000u;
+        n.preferredLifetime = 1000000001u;
+        theirs.push_back(n);
+    }
+    for (unsigned i = 0; i < SolApp::Logic::kMaxRouters; ++i) {
+        const std::string address = longest("fe80:", i);
+        const auto& networks = i == 0 ? mine : i == 1 ? theirs : std::vector<SolNetwork::Config>{};
+        ra(router(address.c_str()), kStart + i, networks, everything);
+        for (size_t drop = 1; drop < kRaDropCount; ++drop) {
+            ParseOutcome dropped;
+            dropped.drop = static_cast<RaDrop>(drop);
+            m_health.onRa(ipv6(address.c_str()), nullptr, {}, dropped, false, kStart + i);
+        }
+    }
+    for (unsigned i = 0; i < RaHealth::kOtherSourcesMax; ++i) {
+        for (size_t drop = 1; drop < kRaDropCount; ++drop) {
+            ParseOutcome dropped = everything;
+            dropped.drop = static_cast<RaDrop>(drop);
+            m_health.onRa(ipv6(longest("2001:", i).c_str()), nullptr, {}, dropped, false, kStart);
+        }
+    }
+    const std::string document = m_health.json(kStart + 100);
+    const auto j = nlohmann::json::parse(document);
+    ASSERT_EQ(j["routers"].size(), SolApp::Logic::kMaxRouters);
+    ASSERT_EQ(conflictsListed(j), RaHealth::kConflictsMax);
+    ASSERT_EQ(j["otherSources"].size(), RaHealth::kOtherSourcesMax);
+    // Every number in it written with 20 digits, as the largest counts would be, cannot make up
+    // the difference: about 40 numbers per router or source.
+    constexpr size_t kLongerNumbers = (SolApp::Logic::kMaxRouters + RaHealth::kOtherSourcesMax) * 40 * 20;
+    EXPECT_LE(document.size() + 1 + kLongerNumbers + kSolifShowRainfoOverhead, lmx_get_max_size())
+        << document.size() << " bytes";
 }
 
 TEST_F(RaHealthTest, AFloodOfNewPrefixesKeepsOnlyTheNewestForComparing) {
@@ -167,10 +284,10 @@ TEST_F(RaHealthTest, AFloodOfNewPrefixesKeepsOnlyTheNewestForComparing) {
     // The newest prefixes are still compared: another router disagreeing on the last one is seen.
     ra(router("fe80::2"), kStart + 300, {prefix("2001:db8:3e7::", 7200, 3600)});
     EXPECT_THAT(infos(),
-                ElementsAre(info("Router fe80::2 disagrees with router fe80::1 on valid lifetime of "
-                                 "2001:db8:3e7::/64: 7200 vs 86400"),
-                            info("Router fe80::2 disagrees with router fe80::1 on preferred lifetime of "
-                                 "2001:db8:3e7::/64: 3600 vs 14400")));
+                ElementsAre(disagree("Router fe80::2 disagrees with router fe80::1 on valid lifetime of "
+                                     "2001:db8:3e7::/64: 7200 vs 86400"),
+                            disagree("Router fe80::2 disagrees with router fe80::1 on preferred lifetime of "
+                                     "2001:db8:3e7::/64: 3600 vs 14400")));
     m_traces.clear();
     // The oldest are forgotten: no comparison, no trace.
     ra(router("fe80::2"), kStart + 301, {prefix("2001:db8:0::", 7200, 3600)});

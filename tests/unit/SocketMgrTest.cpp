@@ -298,8 +298,9 @@ TEST_F(SocketMgrTest, DatagramOfExactlyTheBufferSizeIsAccepted) {
 }
 
 TEST_F(SocketMgrTest, ControlDataThatDoesNotFitIsTruncation) {
+    // A third item beside packet information and hop limit: more than the room for the two.
     const int on = 1;
-    ASSERT_EQ(setsockopt(m_receiver.get(), IPPROTO_IPV6, IPV6_RECVHOPLIMIT, &on, sizeof on), 0);
+    ASSERT_EQ(setsockopt(m_receiver.get(), IPPROTO_IPV6, IPV6_RECVTCLASS, &on, sizeof on), 0);
     SocketDouble mgr(std::move(m_receiver), "lo");
     sendDatagram(m_address, 30);
     Message message;
@@ -384,45 +385,130 @@ TEST_F(SocketMgrTest, ReadErrorDiscardsThePreviousContent) {
                     "receive(): [] read error on raw socket, errno=Socket operation on non-socket (88)")));
 }
 
+// ---- Hop limit: Neighbour Discovery from this link comes with 255 ----
+
+TEST_F(SocketMgrTest, DatagramWithHopLimit255IsAcceptedWithoutAWord) {
+    TraceCapture quiet(trace::kAllEvents & ~trace::bit(TraceEvent::LAB));
+    SocketDouble mgr(std::move(m_receiver), "lo");
+    sendDatagram(m_address, 30, 255);
+    Message message;
+    EXPECT_EQ(mgr.receive(message), 0u);
+    EXPECT_EQ(message.m_state, Message::MSG_STATE_RX_OK);
+    EXPECT_FALSE(message.m_offLink);
+    EXPECT_EQ(mgr.getCounters().m_counters.rxRa, 1u);
+    EXPECT_EQ(mgr.getCounters().m_counters.rxRejected, 0u);
+    EXPECT_TRUE(quiet.records().empty());
+}
+
+// Rejected as a datagram from another interface is (counted, consumed, not to be parsed), with
+// its one INFO trace and nothing else.
+TEST_F(SocketMgrTest, DatagramWithAnotherHopLimitIsRejectedWithItsOneTrace) {
+    SocketDouble mgr(std::move(m_receiver), "lo");
+    for (const int hopLimit : {64, 254, 1, 0}) {
+        m_capture.clear();
+        sendDatagram(m_address, 30, hopLimit);
+        Message message;
+        EXPECT_EQ(mgr.receive(message), 0u) << hopLimit;
+        EXPECT_EQ(message.m_state, Message::MSG_STATE_RX_WRONG_INTERFACE) << hopLimit;
+        EXPECT_TRUE(message.m_offLink) << hopLimit;
+        EXPECT_EQ(message.m_peer.family, 0) << "no source for what is not taken";
+        EXPECT_THAT(m_capture.records(),
+                    ElementsAre(info("ADDR_IPV6", "receive(): [] Message was received with hop limit " +
+                                                      std::to_string(hopLimit) + ", expected 255")));
+    }
+    EXPECT_EQ(mgr.getCounters().m_counters.rxRejected, 4u);
+    EXPECT_EQ(mgr.getCounters().m_counters.rxRa, 0u);
+}
+
+TEST_F(SocketMgrTest, DatagramWithoutItsHopLimitIsRejectedAsHopLimitMinusOne) {
+    struct sockaddr_in6 address {};
+    UniqueFd infoOnly = loopbackSocket(false, &address);
+    ASSERT_GT(infoOnly.get(), 0);
+    const int on = 1;
+    ASSERT_EQ(setsockopt(infoOnly.get(), IPPROTO_IPV6, IPV6_RECVPKTINFO, &on, sizeof on), 0);
+    SocketDouble mgr(std::move(infoOnly), "lo");
+    sendDatagram(address, 30);
+    Message message;
+    EXPECT_EQ(mgr.receive(message), 0u);
+    EXPECT_EQ(message.m_state, Message::MSG_STATE_RX_WRONG_INTERFACE);
+    EXPECT_TRUE(message.m_offLink);
+    EXPECT_EQ(mgr.getCounters().m_counters.rxRejected, 1u);
+    EXPECT_THAT(
+        m_capture.records(),
+        ElementsAre(info("ADDR_IPV6", "receive(): [] Message was received with hop limit -1, expected 255")));
+}
+
+TEST_F(SocketMgrTest, TheInterfaceIsCheckedBeforeTheHopLimit) {
+    SocketDouble mgr(std::move(m_receiver), "eth0");
+    sendDatagram(m_address, 30, 64);
+    Message message;
+    EXPECT_EQ(mgr.receive(message), 0u);
+    EXPECT_EQ(message.m_state, Message::MSG_STATE_RX_WRONG_INTERFACE);
+    EXPECT_FALSE(message.m_offLink);
+    EXPECT_EQ(mgr.getCounters().m_counters.rxRejected, 1u);
+    EXPECT_THAT(m_capture.records(),
+                ElementsAre(error("ADDR_IPV6",
+                                  "receive(): [] Message was received on wrong interface expected:eth0, "
+                                  "actual: lo")));
+}
+
+TEST_F(SocketMgrTest, AnRaFromBeyondTheLinkDoesNotAnswerASolicitation) {
+    SocketDouble mgr(std::move(m_receiver), "lo");
+    mgr.getRsTimeout().m_soliciting = true;
+    sendDatagram(m_address, 30, 64);
+    Message message;
+    EXPECT_EQ(mgr.receive(message), 0u);
+    EXPECT_FALSE(mgr.getRsTimeout().m_raReceived);
+}
+
 // ---- Datagrams read ahead ----
 
 // What receive gives for one datagram: result, state, bytes and source.
 struct Reception {
     uint32_t result;
     uint32_t state;
+    bool offLink;
     std::vector<uint8_t> data;
     size_t length;
     std::vector<uint8_t> peer;
     bool operator==(const Reception& o) const {
-        return result == o.result && state == o.state && data == o.data && length == o.length &&
-               peer == o.peer;
+        return result == o.result && state == o.state && offLink == o.offLink && data == o.data &&
+               length == o.length && peer == o.peer;
     }
 };
 
 Reception receiveOne(SocketMgr& mgr) {
     Message m;
     const uint32_t result = mgr.receive(m);
-    return {result, m.m_state, m.m_data, m.m_length,
-            std::vector<uint8_t>(m.m_peer.bytes, m.m_peer.bytes + 16)};
+    return {result,   m.m_state,  m.m_offLink,
+            m.m_data, m.m_length, std::vector<uint8_t>(m.m_peer.bytes, m.m_peer.bytes + 16)};
 }
 
-// Accepted, truncated, accepted, exactly the buffer: read in one call, then given one by one as
-// they are given when each is read on its own, with the same traces in the same order and the
-// same counters.
+// Accepted, truncated, accepted, from beyond the link, exactly the buffer: read in one call, then
+// given one by one as they are given when each is read on its own, with the same traces in the
+// same order and the same counters.
 TEST_F(SocketMgrTest, DatagramsReadAheadAreGivenAsEachIsWhenReadOnItsOwn) {
-    const std::vector<size_t> sizes = {100, kMessageBufferSize + 1, 64, kMessageBufferSize};
+    struct Datagram {
+        size_t size;
+        int hopLimit;
+    };
+    const std::vector<Datagram> datagrams = {{100, kNdHopLimit},
+                                             {kMessageBufferSize + 1, kNdHopLimit},
+                                             {64, kNdHopLimit},
+                                             {64, 64},
+                                             {kMessageBufferSize, kNdHopLimit}};
     struct sockaddr_in6 secondAddress {};
     UniqueFd second = loopbackSocket(true, &secondAddress);
     ASSERT_GT(second.get(), 0);
     SocketDouble alone(std::move(m_receiver), "lo");
     SocketDouble ahead(std::move(second), "lo");
     ahead.setReadAhead(kReadAheadCapacity);
-    for (size_t size : sizes) {
-        sendDatagram(m_address, size);
-        sendDatagram(secondAddress, size);
+    for (const Datagram& d : datagrams) {
+        sendDatagram(m_address, d.size, d.hopLimit);
+        sendDatagram(secondAddress, d.size, d.hopLimit);
     }
     std::vector<Reception> oneByOne;
-    for (size_t i = 0; i < sizes.size(); ++i) {
+    for (size_t i = 0; i < datagrams.size(); ++i) {
         oneByOne.push_back(receiveOne(alone));
         EXPECT_FALSE(alone.hasReadAhead());
     }
@@ -430,17 +516,21 @@ TEST_F(SocketMgrTest, DatagramsReadAheadAreGivenAsEachIsWhenReadOnItsOwn) {
     m_capture.clear();
 
     std::vector<Reception> readAhead;
-    for (size_t i = 0; i < sizes.size(); ++i) {
+    for (size_t i = 0; i < datagrams.size(); ++i) {
         readAhead.push_back(receiveOne(ahead));
-        EXPECT_EQ(ahead.hasReadAhead(), i + 1 < sizes.size()) << "after datagram " << i;
+        EXPECT_EQ(ahead.hasReadAhead(), i + 1 < datagrams.size()) << "after datagram " << i;
     }
     EXPECT_TRUE(oneByOne == readAhead);
     EXPECT_EQ(oneByOne[1].state, Message::MSG_STATE_RX_TRUNCATED);
-    EXPECT_EQ(oneByOne[3].state, Message::MSG_STATE_RX_OK);
+    EXPECT_EQ(oneByOne[3].state, Message::MSG_STATE_RX_WRONG_INTERFACE);
+    EXPECT_EQ(oneByOne[4].state, Message::MSG_STATE_RX_OK);
     EXPECT_EQ(m_capture.records(), oneByOneTraces);
-    EXPECT_EQ(oneByOneTraces.size(), 4u);
+    EXPECT_EQ(oneByOneTraces.size(), 5u);
+    EXPECT_THAT(
+        oneByOneTraces,
+        Contains(info("ADDR_IPV6", "receive(): [] Message was received with hop limit 64, expected 255")));
     EXPECT_EQ(ahead.getCounters().m_counters.rxRa, 3u);
-    EXPECT_EQ(ahead.getCounters().m_counters.rxRejected, 1u);
+    EXPECT_EQ(ahead.getCounters().m_counters.rxRejected, 2u);
 }
 
 TEST_F(SocketMgrTest, ReadAheadTakesNoMoreThanAllowedAndTheCapacity) {

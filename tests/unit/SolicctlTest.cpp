@@ -17,7 +17,9 @@
 
 #include "ClientRecords.h"
 #include "LmxTestPeer.h"
+#include "SolIf.h"
 #include "Subprocess.h"
+#include "lmx.h"
 
 using namespace solicd;
 using namespace solicd::test;
@@ -81,6 +83,19 @@ protected:
         Result r;
         r.status = start(std::move(args))->finish(&r.out, &r.err);
         return r;
+    }
+
+    // Every command that reads the health answer of 'solicd' ends with status 1, prints nothing
+    // and says `err` on stderr.
+    static void expectHealthRefused(const std::string& err) {
+        for (const std::vector<std::string>& command : {std::vector<std::string>{"health", "solicd"},
+                                                        {"health", "solicd", "--json"},
+                                                        {"metrics", "solicd"}}) {
+            const Result r = run(command);
+            EXPECT_EQ(r.status, 1) << command.back();
+            EXPECT_EQ(r.out, "") << command.back();
+            EXPECT_EQ(r.err, err) << command.back();
+        }
     }
 
     // Until the mailbox `name` exists (the watcher created it), or the guard.
@@ -587,15 +602,37 @@ TEST_F(SolicctlTest, MetricsAskForTheHealthAndTheCache) {
 
 TEST_F(SolicctlTest, HealthOfAnotherVersionIsAnErrorNeverATable) {
     startPeer("malformed", "solicd");
-    for (const char* command : {"health", "metrics"}) {
-        const Result r = run({command, "solicd"});
-        EXPECT_EQ(r.status, 1) << command;
-        EXPECT_EQ(r.out, "") << command;
-        EXPECT_EQ(r.err,
-                  "solicctl: cannot read the health answer of 'solicd' (a health document of version 7, this "
-                  "solicctl reads version 1); check that solicd and solicctl are of one version\n")
-            << command;
-    }
+    expectHealthRefused(
+        "solicctl: cannot read the health answer of 'solicd' (a health document of version 7, this solicctl "
+        "reads version 1; check that solicd and solicctl are of one version)\n");
+}
+
+// solicd cuts a text answer to the largest message the mailbox service carries (its health
+// answer is bounded so that it never is): whatever came cut is said to be cut, in one line, and
+// never printed or read as if it were whole.
+TEST_F(SolicctlTest, AnAnswerThatCameCutIsSaidToBeCut) {
+    startPeer("cut", "solicd");
+    const std::string cutAt = std::to_string(lmx_get_max_size() - kSolifShowRainfoOverhead);
+    const auto cut = [&](const std::string& what) {
+        return "solicctl: the " + what + " of 'solicd' came cut at " + cutAt +
+               " bytes, the largest message the mailbox service carries; solicd traces its whole size at "
+               "INFO\n";
+    };
+    expectHealthRefused(cut("health answer"));
+    Result r = run({"status", "solicd"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, cut("cache answer"));
+    // The dump as far as it came, and the line that says it is not all.
+    r = run({"show", "solicd"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_THAT(r.out, StartsWith(testCacheText()));
+    EXPECT_EQ(r.err, cut("cache answer"));
+}
+
+TEST_F(SolicctlTest, AHealthAnswerThatIsNotJsonIsSaidSoAndNotPrinted) {
+    startPeer("garbled", "solicd");
+    expectHealthRefused("solicctl: cannot read the health answer of 'solicd' (not a JSON document)\n");
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "ClientRecords.h"
@@ -228,15 +229,62 @@ TEST(SolicctlHealth, MetricsMatchTheGoldenFile) {
     expectGolden("metrics.prom", metricsText(health, fixedCache(), kNow, MetricsFormat::Prometheus));
 }
 
+// What the daemon left out of the document (conflicts beyond those it keeps, other sources
+// forgotten for newer ones) is said under the heading, and counted in the metrics.
+TEST(SolicctlHealth, WhatTheDocumentLeftOutIsSaid) {
+    nlohmann::json doc = nlohmann::json::parse(kTestHealthText);
+    doc["conflictsDropped"] = 5321;
+    doc["otherSourcesForgotten"] = 3;
+    HealthDocument health;
+    std::string error;
+    ASSERT_TRUE(readHealth(doc.dump(), health, error)) << error;
+    const std::string text = healthText("solicd.ns1-eth0", health, kNow, false);
+    EXPECT_EQ(text.substr(0, text.find("\n\n")),
+              "solicd.ns1-eth0: 2 routers heard, 1 other source of dropped RAs\n"
+              "Conflicts: 1 kept, 5321 more disagreements found and not kept\n"
+              "Other sources: 1 kept, 3 forgotten for newer ones");
+    const std::string metrics = metricsText(health, fixedCache(), kNow);
+    EXPECT_NE(metrics.find("\nsolicd_router_conflicts_dropped_total 5321\n"), std::string::npos) << metrics;
+    EXPECT_NE(metrics.find("\nsolicd_other_sources_forgotten_total 3\n"), std::string::npos) << metrics;
+    // Nothing left out, nothing said.
+    ASSERT_TRUE(readHealth(kTestHealthText, health, error)) << error;
+    const std::string calm = healthText("solicd.ns1-eth0", health, kNow, false);
+    EXPECT_EQ(calm.find("Conflicts:"), std::string::npos) << calm;
+    EXPECT_EQ(calm.find("Other sources:"), std::string::npos) << calm;
+}
+
 TEST(SolicctlHealth, ADocumentItCannotReadIsAnError) {
     HealthDocument health;
     std::string error;
     EXPECT_FALSE(readHealth("{not json", health, error));
     EXPECT_EQ(error, "not a JSON document");
     EXPECT_FALSE(readHealth(R"({"version":2,"routers":[],"otherSources":[]})", health, error));
-    EXPECT_EQ(error, "a health document of version 2, this solicctl reads version 1");
+    EXPECT_EQ(error,
+              "a health document of version 2, this solicctl reads version 1; check that solicd and "
+              "solicctl are of one version");
     EXPECT_FALSE(readHealth(R"({"version":1})", health, error));
     EXPECT_EQ(error, "a health document without its lists");
+    // Whole JSON, but not what solicd writes: refused whole, never half shown.
+    nlohmann::json doc = nlohmann::json::parse(kTestHealthText);
+    doc["routers"][1]["ras"] = "many";
+    EXPECT_FALSE(readHealth(doc.dump(), health, error));
+    EXPECT_EQ(error, "a health document with a router whose ras is not a count");
+    doc = nlohmann::json::parse(kTestHealthText);
+    doc["routers"][0]["interval"].erase("mean");
+    EXPECT_FALSE(readHealth(doc.dump(), health, error));
+    EXPECT_EQ(error, "a health document with a router's interval whose mean is not a number of seconds");
+    doc = nlohmann::json::parse(kTestHealthText);
+    doc["routers"][0]["conflicts"][0]["peer"] = 7;
+    EXPECT_FALSE(readHealth(doc.dump(), health, error));
+    EXPECT_EQ(error, "a health document with a conflict whose peer is not a string");
+    doc = nlohmann::json::parse(kTestHealthText);
+    doc["otherSources"][0]["dropped"]["malformed_option"] = -4;
+    EXPECT_FALSE(readHealth(doc.dump(), health, error));
+    EXPECT_EQ(error, "a health document with another source whose count of malformed_option is not a count");
+    doc = nlohmann::json::parse(kTestHealthText);
+    doc["otherSources"][0] = "fe80::bad";
+    EXPECT_FALSE(readHealth(doc.dump(), health, error));
+    EXPECT_EQ(error, "a health document with another source that is not an object");
 }
 
 }  // namespace

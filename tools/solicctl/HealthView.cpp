@@ -99,11 +99,96 @@ std::string number(double value) {
     return os.str();
 }
 
+// A count of what the document says it left out (solicd keeps at most so many of each); 0 when
+// the document has none.
+uint64_t leftOut(const Json& doc, const char* key) {
+    const auto it = doc.find(key);
+    return it != doc.end() && it->is_number_unsigned() ? it->get<uint64_t>() : 0;
+}
+
 std::string left(int64_t start, uint32_t lifetime, int64_t now) {
     if (lifetime == kInfiniteLifetime) {
         return "+Inf";
     }
     return std::to_string(std::max<int64_t>(0, start + lifetime - now));
+}
+
+// What the views read of one entry of a list, and of which type; a document that lacks one is
+// refused whole rather than half shown.
+struct Member {
+    const char* key;
+    bool (Json::*is)() const noexcept;
+    const char* type;
+};
+constexpr Member kRouterMembers[] = {
+    {"address", &Json::is_string, "a string"},     {"state", &Json::is_string, "a string"},
+    {"ras", &Json::is_number_unsigned, "a count"}, {"lastRa", &Json::is_number_integer, "a time"},
+    {"interval", &Json::is_object, "an object"},   {"gaps", &Json::is_number_unsigned, "a count"},
+    {"dropped", &Json::is_object, "an object"},    {"prefixesIgnored", &Json::is_object, "an object"},
+    {"conflicts", &Json::is_array, "a list"}};
+constexpr Member kIntervalMembers[] = {{"count", &Json::is_number_unsigned, "a count"},
+                                       {"last", &Json::is_number_integer, "a number of seconds"},
+                                       {"min", &Json::is_number_integer, "a number of seconds"},
+                                       {"max", &Json::is_number_integer, "a number of seconds"},
+                                       {"mean", &Json::is_number, "a number of seconds"}};
+constexpr Member kConflictMembers[] = {{"peer", &Json::is_string, "a string"},
+                                       {"field", &Json::is_string, "a string"},
+                                       {"here", &Json::is_string, "a string"},
+                                       {"there", &Json::is_string, "a string"}};
+constexpr Member kSourceMembers[] = {{"address", &Json::is_string, "a string"},
+                                     {"lastSeen", &Json::is_number_integer, "a time"},
+                                     {"dropped", &Json::is_object, "an object"},
+                                     {"prefixesIgnored", &Json::is_object, "an object"}};
+
+template <size_t N>
+bool hasMembers(const Json& entry, const Member (&members)[N], const std::string& what, std::string& error) {
+    if (!entry.is_object()) {
+        error = "a health document with " + what + " that is not an object";
+        return false;
+    }
+    for (const Member& m : members) {
+        const auto it = entry.find(m.key);
+        if (it == entry.end() || !((*it).*m.is)()) {
+            error = "a health document with " + what + " whose " + m.key + " is not " + m.type;
+            return false;
+        }
+    }
+    return true;
+}
+
+// Counts by reason: every value a count.
+bool areCounts(const Json& counts, const std::string& what, std::string& error) {
+    for (const auto& [reason, count] : counts.items()) {
+        if (!count.is_number_unsigned()) {
+            error = "a health document with " + what + " whose count of " + reason + " is not a count";
+            return false;
+        }
+    }
+    return true;
+}
+
+bool wellFormed(const Json& doc, std::string& error) {
+    for (const Json& r : doc["routers"]) {
+        if (!hasMembers(r, kRouterMembers, "a router", error) ||
+            !hasMembers(r["interval"], kIntervalMembers, "a router's interval", error) ||
+            !areCounts(r["dropped"], "a router", error) ||
+            !areCounts(r["prefixesIgnored"], "a router", error)) {
+            return false;
+        }
+        for (const Json& c : r["conflicts"]) {
+            if (!hasMembers(c, kConflictMembers, "a conflict", error)) {
+                return false;
+            }
+        }
+    }
+    for (const Json& o : doc["otherSources"]) {
+        if (!hasMembers(o, kSourceMembers, "another source", error) ||
+            !areCounts(o["dropped"], "another source", error) ||
+            !areCounts(o["prefixesIgnored"], "another source", error)) {
+            return false;
+        }
+    }
+    return true;
 }
 
 }  // namespace
@@ -117,7 +202,7 @@ bool readHealth(const std::string& text, HealthDocument& out, std::string& error
     if (!out.doc.contains("version") || out.doc["version"] != 1) {
         error = "a health document of version " +
                 (out.doc.contains("version") ? out.doc["version"].dump() : "none") +
-                ", this solicctl reads version 1";
+                ", this solicctl reads version 1; check that solicd and solicctl are of one version";
         return false;
     }
     if (!out.doc.contains("routers") || !out.doc["routers"].is_array() || !out.doc.contains("otherSources") ||
@@ -125,7 +210,7 @@ bool readHealth(const std::string& text, HealthDocument& out, std::string& error
         error = "a health document without its lists";
         return false;
     }
-    return true;
+    return wellFormed(out.doc, error);
 }
 
 std::string healthText(const std::string& mbox, const HealthDocument& health, int64_t now, bool colour) {
@@ -135,6 +220,24 @@ std::string healthText(const std::string& mbox, const HealthDocument& health, in
                        (routers.size() == 1 ? " router" : " routers") + " heard, " +
                        std::to_string(others.size()) +
                        (others.size() == 1 ? " other source" : " other sources") + " of dropped RAs\n";
+    // Said only when something was left out, and where the reader looks first.
+    const uint64_t dropped = leftOut(health.doc, "conflictsDropped");
+    const uint64_t forgotten = leftOut(health.doc, "otherSourcesForgotten");
+    if (dropped != 0) {
+        // Each conflict is listed under both routers.
+        size_t listed = 0;
+        for (const Json& r : routers) {
+            listed += r["conflicts"].size();
+        }
+        text += paint("Conflicts: " + std::to_string(listed / 2) + " kept, " + std::to_string(dropped) +
+                          " more disagreements found and not kept",
+                      Tone::Warn, colour) +
+                "\n";
+    }
+    if (forgotten != 0) {
+        text += "Other sources: " + std::to_string(others.size()) + " kept, " + std::to_string(forgotten) +
+                " forgotten for newer ones\n";
+    }
     if (!routers.empty()) {
         Table table({"ADDRESS", "STATE", "RAS", "LAST RA", "USUAL", "GAPS", "DROPS", "CONFLICTS"});
         for (const Json& r : routers) {
@@ -185,6 +288,11 @@ std::string metricsText(const HealthDocument& health, const SolCacheText& cache,
     Family preferred("solicd_prefix_preferred_remaining_seconds", "gauge",
                      "Preferred lifetime left of an on-link prefix.");
     Family dns("solicd_dns_servers_active", "gauge", "Recursive DNS servers in use.");
+    Family conflictsNotKept("solicd_router_conflicts_dropped", "counter",
+                            "Disagreements between routers found while solicd kept its most conflicts; "
+                            "not in solicd_router_conflicts.");
+    Family sourcesForgotten("solicd_other_sources_forgotten", "counter",
+                            "Sources of dropped RAs that are not routers, forgotten for newer ones.");
 
     const auto bySource = [](Family& family, const std::string& source, const Json& counts) {
         for (const auto& [reason, count] : counts.items()) {
@@ -228,10 +336,12 @@ std::string metricsText(const HealthDocument& health, const SolCacheText& cache,
     }
     dns.add("", std::to_string(std::count_if(cache.dnsServers.begin(), cache.dnsServers.end(),
                                              [](const SolDnsServer& d) { return isActive(d); })));
+    conflictsNotKept.add("", std::to_string(leftOut(health.doc, "conflictsDropped")));
+    sourcesForgotten.add("", std::to_string(leftOut(health.doc, "otherSourcesForgotten")));
 
     std::string text;
-    for (const Family* f : {&received, &interval, &silent, &gaps, &dropped, &ignored, &conflicts, &lifetime,
-                            &valid, &preferred, &dns}) {
+    for (const Family* f : {&received, &interval, &silent, &gaps, &dropped, &ignored, &conflicts,
+                            &conflictsNotKept, &sourcesForgotten, &lifetime, &valid, &preferred, &dns}) {
         text += f->text(format);
     }
     return format == MetricsFormat::OpenMetrics ? text + "# EOF\n" : text;

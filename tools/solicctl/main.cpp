@@ -163,8 +163,33 @@ int runRequest(const Options& o, uint32_t requestNo, uint32_t answerNo, const An
     }
 }
 
-int printShow(const SolifMessage& answer) {
-    return emit(showText(answer)) ? kExitOk : outputFailed();
+// What to say of a text answer its sender cut to the largest message of the mailbox service:
+// it is never read or printed as if it were whole.
+std::string cutAnswer(const Options& o, const std::string& what, const SolifMessage& answer) {
+    return "the " + what + " of '" + o.mbox + "' came cut at " + std::to_string(answer.text.size()) +
+           " bytes, the largest message the mailbox service carries; solicd traces its whole size at INFO";
+}
+
+// The health answer read whole into `health`; otherwise false, having said why.
+bool readHealthAnswer(const Options& o, const SolifMessage& answer, HealthDocument& health) {
+    if (answer.textCut) {
+        fail(cutAnswer(o, "health answer", answer));
+        return false;
+    }
+    std::string error;
+    if (!readHealth(answer.text, health, error)) {
+        fail("cannot read the health answer of '" + o.mbox + "' (" + error + ")");
+        return false;
+    }
+    return true;
+}
+
+// The dump as it came; one that came cut is printed as far as it goes, and said to be cut.
+int printShow(const Options& o, const SolifMessage& answer) {
+    if (!emit(showText(answer))) {
+        return outputFailed();
+    }
+    return answer.textCut ? fail(cutAnswer(o, "cache answer", answer)) : kExitOk;
 }
 
 int printRouters(const Options& o, const SolifMessage& answer) {
@@ -179,6 +204,9 @@ int printRouters(const Options& o, const SolifMessage& answer) {
 }
 
 int printStatus(const Options& o, const SolifMessage& answer) {
+    if (answer.textCut) {
+        return fail(cutAnswer(o, "cache answer", answer));
+    }
     SolCacheText cache;
     std::string error;
     if (!solParseCacheText(answer.text, cache, error)) {
@@ -190,15 +218,14 @@ int printStatus(const Options& o, const SolifMessage& answer) {
     return emit(text) ? kExitOk : outputFailed();
 }
 
+// The document as it came with --json, for people without; either way only a document read whole.
 int printHealth(const Options& o, const SolifMessage& answer) {
+    HealthDocument health;
+    if (!readHealthAnswer(o, answer, health)) {
+        return kExitFailed;
+    }
     if (o.json) {
         return emitLine(answer.text) ? kExitOk : outputFailed();
-    }
-    HealthDocument health;
-    std::string error;
-    if (!readHealth(answer.text, health, error)) {
-        return fail("cannot read the health answer of '" + o.mbox + "' (" + error +
-                    "); check that solicd and solicctl are of one version");
     }
     return emit(healthText(o.mbox, health, std::time(nullptr), colourForStdout())) ? kExitOk : outputFailed();
 }
@@ -207,17 +234,15 @@ int printHealth(const Options& o, const SolifMessage& answer) {
 int printMetrics(const Options& o) {
     HealthDocument health;
     const int asked = runRequest(o, SOLIF_HEALTH_REQ, SOLIF_HEALTH_CFM, [&](const SolifMessage& answer) {
-        std::string error;
-        if (!readHealth(answer.text, health, error)) {
-            return fail("cannot read the health answer of '" + o.mbox + "' (" + error +
-                        "); check that solicd and solicctl are of one version");
-        }
-        return kExitOk;
+        return readHealthAnswer(o, answer, health) ? kExitOk : kExitFailed;
     });
     if (asked != kExitOk) {
         return asked;
     }
     return runRequest(o, SOLIF_SHOW_RAINFO_REQ, SOLIF_SHOW_RAINFO_CFM, [&](const SolifMessage& answer) {
+        if (answer.textCut) {
+            return fail(cutAnswer(o, "cache answer", answer));
+        }
         SolCacheText cache;
         std::string error;
         if (!solParseCacheText(answer.text, cache, error)) {
@@ -299,7 +324,8 @@ int run(const Options& o) {
         case Command::Ls:
             return runLs(o);
         case Command::Show:
-            return runRequest(o, SOLIF_SHOW_RAINFO_REQ, SOLIF_SHOW_RAINFO_CFM, printShow);
+            return runRequest(o, SOLIF_SHOW_RAINFO_REQ, SOLIF_SHOW_RAINFO_CFM,
+                              [&](const SolifMessage& answer) { return printShow(o, answer); });
         case Command::Routers:
             return runRequest(o, SOLIF_GET_ROUTERS_REQ, SOLIF_GET_ROUTERS_CFM,
                               [&](const SolifMessage& answer) { return printRouters(o, answer); });
